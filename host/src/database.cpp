@@ -1,0 +1,289 @@
+// The SQLite database behind the data-access layer.
+#include <string>
+
+#include "ac/ac_exception.h"
+#include "host_internal.h"
+
+namespace standin {
+
+namespace {
+
+const char* const kSchema = R"sql(
+CREATE TABLE IF NOT EXISTS access_events(
+    id INTEGER PRIMARY KEY AUTOINCREMENT, module TEXT NOT NULL, name TEXT NOT NULL,
+    uuid TEXT NOT NULL, device_id INTEGER NOT NULL, timestamp INTEGER NOT NULL);
+CREATE TABLE IF NOT EXISTS access_logs(
+    id INTEGER PRIMARY KEY AUTOINCREMENT, user_id INTEGER NOT NULL DEFAULT 0,
+    portal_id INTEGER NOT NULL DEFAULT 0, time INTEGER NOT NULL DEFAULT 0,
+    event INTEGER NOT NULL DEFAULT 0, reason INTEGER NOT NULL DEFAULT 0,
+    uuid TEXT NOT NULL DEFAULT '');
+CREATE TABLE IF NOT EXISTS portals(
+    id INTEGER PRIMARY KEY, device_id INTEGER NOT NULL, name TEXT NOT NULL DEFAULT '');
+CREATE TABLE IF NOT EXISTS portal_actions(
+    portal_id INTEGER NOT NULL, position INTEGER NOT NULL, action_id INTEGER NOT NULL,
+    PRIMARY KEY(portal_id, position));
+CREATE TABLE IF NOT EXISTS actions(id INTEGER PRIMARY KEY, name TEXT NOT NULL DEFAULT '');
+CREATE TABLE IF NOT EXISTS action_portals(
+    action_id INTEGER NOT NULL, portal_id INTEGER NOT NULL, PRIMARY KEY(action_id, portal_id));
+CREATE TABLE IF NOT EXISTS counters(name TEXT PRIMARY KEY, value INTEGER NOT NULL);
+)sql";
+
+const char* call_name(DalCall call)
+{
+    switch (call) {
+        case DalCall::access_event_create: return "access_event::create";
+        case DalCall::access_log_get_last: return "access_log::get_last_log";
+        case DalCall::access_log_get_before_last: return "access_log::get_before_last_log";
+        case DalCall::access_log_create: return "access_log::create";
+        case DalCall::access_log_save: return "access_log::save";
+        case DalCall::portal_load: return "portal::load";
+        case DalCall::portal_add_actions: return "portal::add_actions";
+        case DalCall::action_load: return "action::load";
+        case DalCall::action_device_portals: return "action::device_portals";
+        case DalCall::create_log_rex: return "create_log_rex";
+        case DalCall::catra_info_inc: return "catra_info::inc";
+    }
+    return "unknown";
+}
+
+}  // namespace
+
+[[noreturn]] void raise_sqlite(sqlite3* db)
+{
+    throw ac::ac_exception(db ? sqlite3_errmsg(db) : "database not open", true);
+}
+
+// ---------------------------------------------------------------- Statement
+Statement::Statement(sqlite3* db, const char* sql) : db_(db)
+{
+    check(sqlite3_prepare_v2(db_, sql, -1, &stmt_, nullptr));
+}
+
+Statement::~Statement()
+{
+    sqlite3_finalize(stmt_);
+}
+
+void Statement::check(int rc) const
+{
+    if (rc != SQLITE_OK)
+        raise_sqlite(db_);
+}
+
+Statement& Statement::bind(int index, long long value)
+{
+    check(sqlite3_bind_int64(stmt_, index, value));
+    return *this;
+}
+
+Statement& Statement::bind(int index, const std::string& value)
+{
+    check(sqlite3_bind_text(stmt_, index, value.c_str(), static_cast<int>(value.size()),
+                            SQLITE_TRANSIENT));
+    return *this;
+}
+
+bool Statement::step()
+{
+    const int rc = sqlite3_step(stmt_);
+    if (rc == SQLITE_ROW)
+        return true;
+    if (rc == SQLITE_DONE)
+        return false;
+    raise_sqlite(db_);
+}
+
+void Statement::run()
+{
+    while (step()) {
+    }
+}
+
+int Statement::columns() const
+{
+    return sqlite3_column_count(stmt_);
+}
+
+long long Statement::int64(int column) const
+{
+    return sqlite3_column_int64(stmt_, column);
+}
+
+std::string Statement::text(int column) const
+{
+    const unsigned char* text = sqlite3_column_text(stmt_, column);
+    if (!text)
+        return "";
+    return std::string(reinterpret_cast<const char*>(text),
+                       static_cast<size_t>(sqlite3_column_bytes(stmt_, column)));
+}
+
+// ---------------------------------------------------------------- DbSession
+DbSession::DbSession()
+    : lock_(Database::instance().impl().mutex), db_(Database::instance().impl().handle())
+{
+}
+
+void DbSession::exec(const char* sql)
+{
+    char* message = nullptr;
+    if (sqlite3_exec(db_, sql, nullptr, nullptr, &message) != SQLITE_OK) {
+        const std::string text = message ? message : sqlite3_errmsg(db_);
+        sqlite3_free(message);
+        throw ac::ac_exception(text, true);
+    }
+}
+
+// ---------------------------------------------------------------- Impl
+sqlite3* Database::Impl::handle()
+{
+    if (!db)
+        open_locked(":memory:");
+    return db;
+}
+
+void Database::Impl::open_locked(const std::string& path)
+{
+    close_locked();
+    sqlite3* opened = nullptr;
+    const int rc =
+        sqlite3_open_v2(path.c_str(), &opened, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+    if (rc != SQLITE_OK) {
+        const std::string text = opened ? sqlite3_errmsg(opened) : sqlite3_errstr(rc);
+        sqlite3_close(opened);
+        throw ac::ac_exception("cannot open database " + path + ": " + text, true);
+    }
+    char* message = nullptr;
+    if (sqlite3_exec(opened, kSchema, nullptr, nullptr, &message) != SQLITE_OK) {
+        const std::string text = message ? message : sqlite3_errmsg(opened);
+        sqlite3_free(message);
+        sqlite3_close(opened);
+        throw ac::ac_exception("cannot create tables in " + path + ": " + text, true);
+    }
+    db = opened;
+}
+
+void Database::Impl::close_locked()
+{
+    if (db)
+        sqlite3_close(db);
+    db = nullptr;
+}
+
+// ---------------------------------------------------------------- Database
+// Never destroyed: plug-in threads may store records until the process ends.
+Database& Database::instance()
+{
+    static Database* database = new Database();
+    return *database;
+}
+
+Database::Database() : impl_(std::make_unique<Impl>()) {}
+
+Database::Impl& Database::impl()
+{
+    return *impl_;
+}
+
+// Replaces the open database; a new in-memory one starts empty. Armed
+// faults stay armed.
+void Database::open(const std::string& path)
+{
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->open_locked(path);
+}
+
+void Database::close()
+{
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->close_locked();
+}
+
+void Database::exec(const std::string& sql)
+{
+    DbSession session;
+    session.exec(sql.c_str());
+}
+
+// The first statement's rows, every column as text (NULL as "").
+Rows Database::query(const std::string& sql)
+{
+    DbSession session;
+    Statement statement(session.db(), sql.c_str());
+    Rows rows;
+    while (statement.step()) {
+        std::vector<std::string> row;
+        for (int column = 0; column < statement.columns(); ++column) {
+            row.push_back(statement.text(column));
+        }
+        rows.push_back(std::move(row));
+    }
+    return rows;
+}
+
+long long Database::counter(const std::string& name)
+{
+    DbSession session;
+    Statement statement(session.db(), "SELECT value FROM counters WHERE name = ?");
+    statement.bind(1, name);
+    return statement.step() ? statement.int64(0) : 0;
+}
+
+void Database::add_portal(long long id, long long device_id, const std::string& name)
+{
+    DbSession session;
+    Statement(session.db(), "INSERT OR IGNORE INTO portals(id, device_id, name) VALUES(?, ?, ?)")
+        .bind(1, id)
+        .bind(2, device_id)
+        .bind(3, name)
+        .run();
+}
+
+void Database::add_action(long long id, const std::string& name,
+                          const std::vector<long long>& portals)
+{
+    DbSession session;
+    Statement(session.db(), "INSERT OR IGNORE INTO actions(id, name) VALUES(?, ?)")
+        .bind(1, id)
+        .bind(2, name)
+        .run();
+    for (long long portal : portals) {
+        Statement(session.db(),
+                  "INSERT OR IGNORE INTO action_portals(action_id, portal_id) VALUES(?, ?)")
+            .bind(1, id)
+            .bind(2, portal)
+            .run();
+    }
+}
+
+long long Database::add_access_log(long long user_id, long long portal_id, int time, int event)
+{
+    DbSession session;
+    Statement(session.db(),
+              "INSERT INTO access_logs(user_id, portal_id, time, event) VALUES(?, ?, ?, ?)")
+        .bind(1, user_id)
+        .bind(2, portal_id)
+        .bind(3, time)
+        .bind(4, event)
+        .run();
+    return sqlite3_last_insert_rowid(session.db());
+}
+
+void Database::fail_next(DalCall call, int times)
+{
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    impl_->faults[call] += times;
+}
+
+void Database::check_fault(DalCall call)
+{
+    std::lock_guard<std::mutex> lock(impl_->mutex);
+    auto it = impl_->faults.find(call);
+    if (it == impl_->faults.end() || it->second <= 0)
+        return;
+    if (--it->second == 0)
+        impl_->faults.erase(it);
+    throw ac::ac_exception(std::string("injected fault in ") + call_name(call), true);
+}
+
+}  // namespace standin

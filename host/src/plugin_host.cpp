@@ -1,0 +1,168 @@
+// Loading a plug-in and running it, and ending the process around it.
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <exception>
+
+#include "host_internal.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+#define STANDIN_ASAN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define STANDIN_ASAN 1
+#endif
+#endif
+
+#if defined(STANDIN_ASAN)
+#include <sanitizer/lsan_interface.h>
+#endif
+
+extern "C" void __gcov_dump(void) __attribute__((weak));
+
+namespace standin {
+
+namespace {
+
+using InitFunction = bool (*)(ac::Plugin*, std::string*);
+
+struct HostRegistry {
+    std::mutex mutex;
+    std::set<PluginHost*> hosts;  // guarded by mutex
+};
+
+HostRegistry& registry()
+{
+    static HostRegistry* hosts = new HostRegistry();
+    return *hosts;
+}
+
+}  // namespace
+
+void register_plugin_host(PluginHost* host)
+{
+    std::lock_guard<std::mutex> lock(registry().mutex);
+    registry().hosts.insert(host);
+}
+
+void unregister_plugin_host(PluginHost* host)
+{
+    std::lock_guard<std::mutex> lock(registry().mutex);
+    registry().hosts.erase(host);
+}
+
+void stop_all_plugin_hosts()
+{
+    std::lock_guard<std::mutex> lock(registry().mutex);
+    for (PluginHost* host : registry().hosts)
+        host->stop();
+}
+
+PluginHost::PluginHost(std::string library_path)
+    : path_(std::move(library_path)), result_(std::make_shared<int>(0))
+{
+    register_plugin_host(this);
+}
+
+PluginHost::~PluginHost()
+{
+    stop();
+    unregister_plugin_host(this);
+}
+
+// The library is never closed: threads that the plug-in started may still
+// run its code until the process ends.
+bool PluginHost::init(std::string* error)
+{
+    std::string ignored;
+    if (!error)
+        error = &ignored;
+    if (!handle_)
+        handle_ = dlopen(path_.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (!handle_) {
+        const char* text = dlerror();
+        *error = text ? std::string(text) : "cannot load " + path_;
+        log_host("load failed: " + *error);
+        return false;
+    }
+    auto init_function = reinterpret_cast<InitFunction>(dlsym(handle_, "init"));
+    if (!init_function) {
+        *error = "no init in " + path_;
+        log_host(*error);
+        return false;
+    }
+    try {
+        return init_function(&plugin_, error);
+    } catch (const std::exception& e) {
+        *error = e.what();
+    } catch (...) {
+        *error = "unknown exception";
+    }
+    log_host("init threw: " + *error);
+    return false;
+}
+
+ac::Plugin& PluginHost::plugin()
+{
+    return plugin_;
+}
+
+bool PluginHost::start()
+{
+    int (*run)() = plugin_.run_function();
+    if (!run || run_thread_.joinable())
+        return false;
+    finished_.store(false);
+    run_thread_ = std::thread([this, run] {
+        try {
+            *result_ = run();
+        } catch (const std::exception& e) {
+            *result_ = -1;
+            log_host(std::string("run threw: ") + e.what());
+        } catch (...) {
+            *result_ = -1;
+            log_host("run threw an unknown exception");
+        }
+        finished_.store(true, std::memory_order_release);
+    });
+    return true;
+}
+
+// Once run was started: stops every queue (run serves the plug-in's), then
+// waits for run to return.
+void PluginHost::stop()
+{
+    if (!run_thread_.joinable() || run_thread_.get_id() == std::this_thread::get_id())
+        return;
+    Bus::instance().stop_queues();
+    run_thread_.join();
+}
+
+bool PluginHost::running() const
+{
+    return run_thread_.joinable() && !finished_.load(std::memory_order_acquire);
+}
+
+// Valid once running() is false: -1 when run threw.
+int PluginHost::run_result() const
+{
+    return finished_.load(std::memory_order_acquire) ? *result_ : 0;
+}
+
+// See the declaration for why the process ends this way.
+void end_process(int code)
+{
+    Bus::instance().stop_queues();
+    stop_all_plugin_hosts();
+    Bus::instance().shutdown();
+    std::fflush(nullptr);
+#if defined(STANDIN_ASAN)
+    __lsan_do_leak_check();
+#endif
+    if (__gcov_dump)
+        __gcov_dump();
+    _exit(code);
+}
+
+}  // namespace standin

@@ -1,0 +1,114 @@
+// Loading the plug-in the way the terminal does, and its controller set-up.
+#include <dlfcn.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+#include <vector>
+
+#include "elf_symbols.h"
+#include "terminal_test.h"
+
+namespace catra_test {
+namespace {
+
+using namespace std::string_literals;
+
+class PluginLoad : public TerminalTest {};
+
+// A path in a fresh, empty directory: nothing can be opened there.
+class MissingDevicePath {
+public:
+    MissingDevicePath()
+    {
+        std::string pattern = ::testing::TempDir() + "catra-load-XXXXXX";
+        if (::mkdtemp(pattern.data()) == nullptr)
+            throw std::runtime_error("mkdtemp failed");
+        directory_ = pattern;
+    }
+    ~MissingDevicePath() { ::rmdir(directory_.c_str()); }
+    std::string path() const { return directory_ + "/ttyCATRA"; }
+
+private:
+    std::string directory_;
+};
+
+TEST_F(PluginLoad, InitWritesTheSetUpSequenceOneWritePerCommand)
+{
+    std::string error;
+    ASSERT_TRUE(load_plugin(&error)) << error;
+
+    const std::vector<std::string> expected = {"d\0"s,   "f12\0"s, "g13\0"s,
+                                               "s14\0"s, "t15\0"s, "e\0"s};
+    const std::vector<std::string> writes = SyscallFaults::device_writes();
+    EXPECT_EQ(writes, expected) << "write calls on the controller: " << escape_list(writes);
+
+    const std::string sequence = "d\0f12\0g13\0s14\0t15\0e\0"s;
+    const std::optional<std::string> received = pty().read_bytes(sequence.size(), kWait);
+    ASSERT_TRUE(received.has_value())
+        << "the controller received \"" << escape_bytes(pty().drain()) << "\"";
+    EXPECT_EQ(*received, sequence) << escape_bytes(*received);
+
+    EXPECT_GE(SyscallFaults::device_fd(), 0) << "the controller device stays open after set-up";
+    EXPECT_FALSE(SyscallFaults::device_closed());
+    EXPECT_EQ(SyscallFaults::writes_after_close(), 0);
+}
+
+TEST_F(PluginLoad, InitFailsForAMissingDevice)
+{
+    const MissingDevicePath missing;
+    config().set("catra", "device_path", missing.path());
+
+    std::string error;
+    EXPECT_FALSE(load_plugin(&error));
+    EXPECT_EQ(error, "Unable to open " + missing.path() + ": No such file or directory");
+
+    // Inert: nothing registered, no run function, nothing written anywhere.
+    EXPECT_TRUE(plugin_host().plugin().listeners().empty());
+    EXPECT_FALSE(start_plugin());
+    EXPECT_TRUE(SyscallFaults::device_writes().empty());
+    EXPECT_EQ(pty().drain(), "");
+}
+
+TEST_F(PluginLoad, InitReportsAnOpenRefusedBySystem)
+{
+    SyscallFaults::fail_next(SyscallFaults::Call::open, EACCES);
+
+    std::string error;
+    EXPECT_FALSE(load_plugin(&error));
+    EXPECT_EQ(error, "Unable to open " + pty().slave_path() + ": Permission denied");
+    EXPECT_EQ(SyscallFaults::armed(SyscallFaults::Call::open), 0)
+        << "init opened the controller device once";
+    EXPECT_EQ(SyscallFaults::device_fd(), -1);
+    EXPECT_TRUE(SyscallFaults::device_writes().empty());
+    EXPECT_TRUE(plugin_host().plugin().listeners().empty());
+}
+
+TEST(PluginLibrary, ExportsOnlyInit)
+{
+    std::vector<std::string> own;
+    for (const std::string& name : exported_symbols(CATRA_PLUGIN_PATH))
+        if (!is_runtime_symbol(name))
+            own.push_back(name);
+    EXPECT_EQ(own, std::vector<std::string>{"init"})
+        << "exported by " CATRA_PLUGIN_PATH ": " << escape_list(own);
+}
+
+TEST(PluginLibrary, DynamicLookupFindsInitAndNoInternalName)
+{
+    void* const library = ::dlopen(CATRA_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(library, nullptr) << ::dlerror();
+    EXPECT_NE(::dlsym(library, "init"), nullptr);
+    for (const char* internal :
+         {"do_execute_command",
+          "_Z18do_execute_commandRKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE", "run",
+          "_Z3runv", "init_catra",
+          "_Z10init_catraPNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE", "catra_fd",
+          "current_state", "state_mutex", "message_enqueuer"})
+        EXPECT_EQ(::dlsym(library, internal), nullptr) << internal << " is exported";
+    // The library stays loaded: the plug-in has no unload.
+}
+
+}  // namespace
+}  // namespace catra_test

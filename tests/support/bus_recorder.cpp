@@ -1,0 +1,132 @@
+#include "bus_recorder.h"
+
+#include <algorithm>
+#include <condition_variable>
+#include <mutex>
+#include <sstream>
+
+#include "standin/standin.h"
+
+namespace catra_test {
+
+struct BusRecorder::Shared {
+    mutable std::mutex mutex;
+    mutable std::condition_variable recorded;
+    std::vector<RecordedMessage> messages;
+};
+
+std::optional<int> RecordedMessage::int_field(const std::string& key) const
+{
+    for (const ac::MessageField& field : fields)
+        if (field.key == key && field.is_int)
+            return field.int_value;
+    return std::nullopt;
+}
+
+std::optional<std::string> RecordedMessage::text_field(const std::string& key) const
+{
+    for (const ac::MessageField& field : fields)
+        if (field.key == key && !field.is_int)
+            return field.text;
+    return std::nullopt;
+}
+
+std::string render(const std::string& type, const std::vector<ac::MessageField>& fields)
+{
+    std::ostringstream out;
+    out << type << '{';
+    for (std::size_t i = 0; i < fields.size(); ++i) {
+        const ac::MessageField& field = fields[i];
+        if (i > 0)
+            out << ',';
+        out << field.key << '=';
+        if (field.is_int)
+            out << field.int_value;
+        else
+            out << '"' << field.text << '"';
+    }
+    out << '}';
+    return out.str();
+}
+
+std::string render(const RecordedMessage& message)
+{
+    return render(message.type, message.fields) + (message.sync ? " (sync)" : "");
+}
+
+std::ostream& operator<<(std::ostream& out, const RecordedMessage& message)
+{
+    return out << render(message);
+}
+
+BusRecorder::BusRecorder() : shared_(std::make_shared<Shared>())
+{
+    std::shared_ptr<Shared> shared = shared_;
+    subscription_ =
+        standin::Bus::instance().subscribe([shared](const ac::Message& message, bool sync) {
+            RecordedMessage record{message.type(), message.fields(), sync};
+            {
+                std::lock_guard<std::mutex> lock(shared->mutex);
+                shared->messages.push_back(std::move(record));
+            }
+            shared->recorded.notify_all();
+        });
+}
+
+BusRecorder::~BusRecorder()
+{
+    standin::Bus::instance().unsubscribe(subscription_);
+}
+
+std::vector<RecordedMessage> BusRecorder::messages() const
+{
+    std::lock_guard<std::mutex> lock(shared_->mutex);
+    return shared_->messages;
+}
+
+std::vector<RecordedMessage> BusRecorder::of_type(const std::string& type) const
+{
+    std::lock_guard<std::mutex> lock(shared_->mutex);
+    std::vector<RecordedMessage> found;
+    for (const RecordedMessage& message : shared_->messages)
+        if (message.type == type)
+            found.push_back(message);
+    return found;
+}
+
+std::vector<std::string> BusRecorder::types() const
+{
+    std::lock_guard<std::mutex> lock(shared_->mutex);
+    std::vector<std::string> found;
+    for (const RecordedMessage& message : shared_->messages)
+        found.push_back(message.type);
+    return found;
+}
+
+bool BusRecorder::wait_for(const std::string& type, std::size_t count,
+                           std::chrono::milliseconds timeout) const
+{
+    std::unique_lock<std::mutex> lock(shared_->mutex);
+    return shared_->recorded.wait_for(lock, timeout, [&] {
+        const auto seen =
+            std::count_if(shared_->messages.begin(), shared_->messages.end(),
+                          [&](const RecordedMessage& message) { return message.type == type; });
+        return static_cast<std::size_t>(seen) >= count;
+    });
+}
+
+void BusRecorder::clear()
+{
+    std::lock_guard<std::mutex> lock(shared_->mutex);
+    shared_->messages.clear();
+}
+
+std::string BusRecorder::dump() const
+{
+    std::string text;
+    for (const RecordedMessage& message : messages())
+        text += render(message) + '\n';
+    return text;
+}
+
+}  // namespace catra_test

@@ -1,0 +1,62 @@
+// Records every message sent on the stand-in host's bus, in the order sent.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "ac/message.h"
+
+namespace catra_test {
+
+struct RecordedMessage {
+    std::string type;
+    std::vector<ac::MessageField> fields;
+    bool sync = false;
+
+    // The value of the first int (text) field of that key; nothing when there
+    // is none of that type.
+    std::optional<int> int_field(const std::string& key) const;
+    std::optional<std::string> text_field(const std::string& key) const;
+};
+
+// One line for failure messages: type{key=1,key="text"}, fields in order,
+// texts quoted, with a trailing " (sync)" for synchronous sends.
+std::string render(const RecordedMessage& message);
+std::string render(const std::string& type, const std::vector<ac::MessageField>& fields);
+std::ostream& operator<<(std::ostream& out, const RecordedMessage& message);
+
+class BusRecorder {
+public:
+    // Subscribes to standin::Bus; every message sent from then on is recorded
+    // in the sender's thread at the moment it is sent.
+    BusRecorder();
+    ~BusRecorder();
+    BusRecorder(const BusRecorder&) = delete;
+    BusRecorder& operator=(const BusRecorder&) = delete;
+
+    std::vector<RecordedMessage> messages() const;
+    std::vector<RecordedMessage> of_type(const std::string& type) const;
+    std::vector<std::string> types() const;
+    // Waits until at least `count` messages of that type were recorded since
+    // the last clear(); false on time-out.
+    bool wait_for(const std::string& type, std::size_t count,
+                  std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
+    void clear();
+    // All recorded messages, one rendered line each.
+    std::string dump() const;
+
+    struct Shared;
+
+private:
+    // Shared with the bus observer, which may still run on another thread
+    // while this object is destroyed.
+    std::shared_ptr<Shared> shared_;
+    int subscription_ = 0;
+};
+
+}  // namespace catra_test

@@ -1,0 +1,53 @@
+// Deterministic faults on the controller device's system calls, and a record
+// of what the code under test did with the device.
+//
+// The test executable itself defines open, open64, read, write, select and
+// close (see syscall_faults.cpp); a plug-in loaded into it resolves those
+// names to these definitions first. Every call is passed on to the real
+// function unless a fault is armed for it. "The device" is the descriptor that
+// open() returned for the watched path.
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+namespace catra_test {
+
+class SyscallFaults {
+public:
+    enum class Call { open, read, write, select };
+
+    // Forgets the watched path, the device, armed faults and the records.
+    static void reset();
+
+    // The next descriptor that open() returns for exactly this path becomes
+    // the device (a later open of the same path replaces it).
+    static void watch_path(const std::string& path);
+
+    // The next `times` calls of that kind on the device fail with errno `error`
+    // without reaching the system: open of the watched path; read and write of
+    // the device descriptor; select whose read set holds the device. Arming a
+    // kind again replaces what was left of its earlier arming.
+    static void fail_next(Call call, int error, int times = 1);
+    // How many armed failures of that kind are still to come.
+    static int armed(Call call);
+
+    // The device's descriptor, or -1 when it is not open.
+    static int device_fd();
+    // Whether the device's descriptor has been closed since it was opened.
+    static bool device_closed();
+    static bool wait_device_closed(std::chrono::milliseconds timeout);
+
+    // Write calls made on the device's descriptor number after it was closed,
+    // while no file was open under that number (each one a write to a closed
+    // descriptor).
+    static int writes_after_close();
+
+    // The bytes of every write call on the open device, in call order, NULs
+    // included; failed calls (injected or real) are recorded too, as the code
+    // under test made them.
+    static std::vector<std::string> device_writes();
+};
+
+}  // namespace catra_test

@@ -1,0 +1,290 @@
+#include "terminal_test.h"
+
+#include "ac_dal/ac_dal.h"
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+#include <utility>
+
+#ifndef CATRA_PLUGIN_PATH
+#error "CATRA_PLUGIN_PATH must name the plug-in library to load"
+#endif
+
+namespace catra_test {
+
+namespace {
+
+const char* const kOnePerProcess =
+    "The plug-in can be loaded only once per process (it has no unload). Run one test per "
+    "process: ctest -R NAME, or the test executable with --gtest_filter=Suite.Name.";
+
+// What outlives the test that loaded the plug-in: its host object and the
+// controller line its threads still use. Never destroyed: the process ends
+// with standin::end_process while those threads still run.
+struct LoadedPlugin {
+    std::unique_ptr<standin::PluginHost> host;
+    std::vector<std::unique_ptr<simulator::ControllerPty>> lines;
+};
+
+LoadedPlugin& loaded()
+{
+    static LoadedPlugin* const instance = new LoadedPlugin;
+    return *instance;
+}
+
+std::atomic<bool> load_attempted{false};
+
+std::optional<int> find_int(const std::vector<ac::MessageField>& fields, const std::string& key)
+{
+    for (const ac::MessageField& field : fields)
+        if (field.key == key && field.is_int)
+            return field.int_value;
+    return std::nullopt;
+}
+
+std::optional<std::string> find_text(const std::vector<ac::MessageField>& fields,
+                                     const std::string& key)
+{
+    for (const ac::MessageField& field : fields)
+        if (field.key == key && !field.is_int)
+            return field.text;
+    return std::nullopt;
+}
+
+ac::Message* new_message(const std::string& type, const Fields& fields)
+{
+    auto* message = new ac::Message(type, 0, nullptr);
+    for (const Field& entry : fields) {
+        if (entry.field.is_int)
+            message->add_int(entry.field.key, entry.field.int_value);
+        else
+            message->add_string(entry.field.key, entry.field.text);
+    }
+    return message;
+}
+
+}  // namespace
+
+// ------------------------------------------------------------------ Field, Reply
+
+Field::Field(std::string key, int value)
+{
+    field.key = std::move(key);
+    field.is_int = true;
+    field.int_value = value;
+}
+
+Field::Field(std::string key, const char* value) : Field(std::move(key), std::string(value)) {}
+
+Field::Field(std::string key, std::string value)
+{
+    field.key = std::move(key);
+    field.text = std::move(value);
+}
+
+std::optional<int> Reply::int_field(const std::string& key) const
+{
+    return find_int(fields, key);
+}
+
+std::optional<std::string> Reply::text_field(const std::string& key) const
+{
+    return find_text(fields, key);
+}
+
+std::string Reply::text() const
+{
+    return render(replied ? "reply" : "unreplied", fields);
+}
+
+// ------------------------------------------------------------------ fixture
+
+std::vector<std::string> TerminalTest::setup_commands()
+{
+    return {"d", "f12", "g13", "s14", "t15", "e"};
+}
+
+void TerminalTest::SetUp()
+{
+    standin::install_services();
+    pty_ = std::make_unique<simulator::ControllerPty>();
+    SyscallFaults::reset();
+    SyscallFaults::watch_path(pty_->slave_path());
+    logs().clear();
+    clock().set_manual(start_time());
+    set_default_configuration();
+    seed_database();
+    recorder_ = std::make_unique<BusRecorder>();
+}
+
+void TerminalTest::TearDown()
+{
+    recorder_.reset();
+    // The plug-in's threads keep using the controller line until the process
+    // ends; closing it here would make them fail under the test's feet.
+    if (load_attempted.load() && pty_)
+        loaded().lines.push_back(std::move(pty_));
+}
+
+void TerminalTest::set_default_configuration()
+{
+    standin::Config& c = config();
+    c.clear();
+    c.set("catra", "device_path", pty_->slave_path());
+    c.set("catra", "fi1", "12");
+    c.set("catra", "fi2", "13");
+    c.set("catra", "sol1", "14");
+    c.set("catra", "sol2", "15");
+    c.set("catra", "select_timeout", 1000);
+    c.set("catra", "fi1_gpio", kFi1Gpio);
+    c.set("catra", "fi2_gpio", kFi2Gpio);
+    c.set("catra", "sol1_gpio", kSol1Gpio);
+    c.set("catra", "sol2_gpio", kSol2Gpio);
+    c.set("catra", "watchdog_timeout", 1000);
+    c.set("catra", "relay_timeout", kRelayTimeout);
+    c.set("", "collector_gpio", kCollectorGpio);
+    c.set("", "collector_timeout", kCollectorTimeout);
+    c.set("", "catra_timeout", kCatraTimeout);
+    c.set("gpio", "catra_relay_1_enable_direction", "right");
+    c.set("gpio", "catra_relay_2_enable_direction", "left");
+    c.set("gpio", "catra_relay_1_enabled", 0);
+    c.set("gpio", "catra_relay_2_enabled", 0);
+    c.set("gpio", "catra_relay_1_gpio", kRelay1Gpio);
+    c.set("gpio", "catra_relay_2_gpio", kRelay2Gpio);
+    c.set("identifier", "verbose_logging", 1);
+    c.set("host", "online", 0);
+    c.set("host", "exception_mode", 0);
+    c.set("host", "antipassback_enabled", 0);
+    c.set("host", "device_id", kDeviceId);
+    c.set("host", "buttonholes", "40,41,42");
+}
+
+void TerminalTest::seed_database()
+{
+    standin::Database& db = database();
+    db.close();
+    db.open(":memory:");
+    db.add_portal(1, kDeviceId, "portal 1");
+    db.add_portal(2, kDeviceId, "portal 2");
+    db.add_action(2, "release anticlockwise", {1, 2});
+    db.add_action(3, "release clockwise", {1, 2});
+    db.add_action(4, "release both", {1, 2});
+    db.add_access_log(100, 1, static_cast<int>(start_time().tv_sec) - 20,
+                      ac_dal::access_log_event::GRANTED);
+    db.add_access_log(101, 2, static_cast<int>(start_time().tv_sec) - 10,
+                      ac_dal::access_log_event::GRANTED);
+}
+
+bool TerminalTest::load_plugin(std::string* error)
+{
+    if (load_attempted.exchange(true)) {
+        ADD_FAILURE() << kOnePerProcess;
+        if (error != nullptr)
+            *error = kOnePerProcess;
+        return false;
+    }
+    loaded().host = std::make_unique<standin::PluginHost>(CATRA_PLUGIN_PATH);
+    std::string text;
+    const bool ok = loaded().host->init(&text);
+    if (error != nullptr)
+        *error = text;
+    return ok;
+}
+
+bool TerminalTest::start_plugin()
+{
+    return loaded().host != nullptr && loaded().host->start();
+}
+
+standin::PluginHost& TerminalTest::plugin_host()
+{
+    if (loaded().host == nullptr)
+        throw std::logic_error("plugin_host() before load_plugin()");
+    return *loaded().host;
+}
+
+void TerminalTest::send(const std::string& type, const Fields& fields)
+{
+    ac::PostOffice::send_message(new_message(type, fields));
+}
+
+Reply TerminalTest::request(const std::string& type, const Fields& fields,
+                            std::chrono::milliseconds timeout)
+{
+    // The send runs on a thread of its own, so that a receiver that never
+    // answers fails the test instead of hanging it; the reply object is shared
+    // with that thread and outlives it.
+    struct Exchange {
+        ac::MessageReply reply;
+        std::mutex mutex;
+        std::condition_variable returned;
+        bool done = false;
+    };
+    auto exchange = std::make_shared<Exchange>();
+    ac::Message* message = new_message(type, fields);
+    message->set_reply(&exchange->reply);
+    std::thread sender([exchange, message] {
+        ac::PostOffice::send_message_sync(message);
+        {
+            std::lock_guard<std::mutex> lock(exchange->mutex);
+            exchange->done = true;
+        }
+        exchange->returned.notify_all();
+    });
+    bool done;
+    {
+        std::unique_lock<std::mutex> lock(exchange->mutex);
+        done = exchange->returned.wait_for(lock, timeout, [&] { return exchange->done; });
+    }
+    if (!done) {
+        sender.detach();
+        ADD_FAILURE() << "request " << render(type, {})
+                      << ": the synchronous send did not return within " << timeout.count()
+                      << " ms";
+        return Reply{};
+    }
+    sender.join();
+    return Reply{exchange->reply.replied(), exchange->reply.fields()};
+}
+
+bool TerminalTest::expect_commands(const std::vector<std::string>& commands,
+                                   std::chrono::milliseconds timeout)
+{
+    std::vector<std::string> received;
+    for (const std::string& expected : commands) {
+        const std::optional<std::string> command = pty_->read_command(timeout);
+        if (!command) {
+            ADD_FAILURE() << "controller commands: expected " << escape_list(commands)
+                          << ", received " << escape_list(received) << " and then nothing within "
+                          << timeout.count() << " ms (unterminated bytes: \""
+                          << escape_bytes(pty_->drain()) << "\")";
+            return false;
+        }
+        received.push_back(*command);
+        if (*command != expected) {
+            ADD_FAILURE() << "controller commands: expected " << escape_list(commands)
+                          << ", received " << escape_list(received);
+            return false;
+        }
+    }
+    return true;
+}
+
+bool TerminalTest::wait_idle(std::chrono::milliseconds timeout)
+{
+    return bus().wait_idle(timeout);
+}
+
+std::vector<std::string> TerminalTest::log_texts(standin::LogLine::Kind kind) const
+{
+    std::vector<std::string> texts;
+    for (const standin::LogLine& line : standin::Logs::instance().lines())
+        if (line.kind == kind)
+            texts.push_back(line.text);
+    return texts;
+}
+
+}  // namespace catra_test

@@ -1,0 +1,140 @@
+// The test fixture that plays the terminal around the turnstile plug-in.
+//
+// Each test gets: the stand-in host's services on the bus, a fresh in-memory
+// database holding this device's two portals and the three release actions,
+// the manual clock, a complete default configuration, a controller line (a
+// pseudo-terminal whose slave is the plug-in's "device_path") and a recorder
+// of every bus message. The plug-in itself is loaded with dlopen, as the
+// terminal loads it, when the test calls load_plugin().
+//
+// The plug-in has no unload and no shutdown: it can be loaded once per
+// process, so every test that loads it runs in a process of its own (CTest
+// runs each discovered test alone; by hand: ctest -R NAME, or the test
+// executable with --gtest_filter=Suite.Name).
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <ctime>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "ac/ac.h"
+#include "bus_recorder.h"
+#include "bytes_text.h"
+#include "simulator/controller_pty.h"
+#include "standin/standin.h"
+#include "stderr_capture.h"
+#include "syscall_faults.h"
+
+namespace catra_test {
+
+// Bound of every wait on an observed effect; only reached when a test fails.
+constexpr std::chrono::milliseconds kWait{5000};
+
+// A message field for send() and request(): {"key", 5} or {"key", "text"}.
+struct Field {
+    Field(std::string key, int value);
+    Field(std::string key, const char* value);
+    Field(std::string key, std::string value);
+    ac::MessageField field;
+};
+using Fields = std::vector<Field>;
+
+// The answer to request().
+struct Reply {
+    bool replied = false;
+    std::vector<ac::MessageField> fields;
+
+    std::optional<int> int_field(const std::string& key) const;
+    std::optional<std::string> text_field(const std::string& key) const;
+    std::string text() const;  // reply{key=1,...}
+};
+
+class TerminalTest : public ::testing::Test {
+public:
+    // Configuration values of the defaults, for expectations.
+    static constexpr long long kDeviceId = 1;
+    static constexpr int kFi1Gpio = 20;
+    static constexpr int kFi2Gpio = 21;
+    static constexpr int kSol1Gpio = 10;
+    static constexpr int kSol2Gpio = 11;
+    static constexpr int kCollectorGpio = 12;
+    static constexpr int kCollectorTimeout = 300;
+    static constexpr int kCatraTimeout = 5;
+    static constexpr int kRelayTimeout = 500;
+    static constexpr int kRelay1Gpio = 30;
+    static constexpr int kRelay2Gpio = 31;
+    // Where the manual clock stands at the start of each test.
+    static timespec start_time() { return timespec{1000, 0}; }
+
+    // The controller texts of a successful set-up with the default
+    // configuration, in order, each without its NUL.
+    static std::vector<std::string> setup_commands();
+
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Writes the default configuration (SetUp does; a test may call it again).
+    //   module "catra": device_path = the controller line's slave, fi1 "12",
+    //     fi2 "13", sol1 "14", sol2 "15", select_timeout 1000, fi1_gpio 20,
+    //     fi2_gpio 21, sol1_gpio 10, sol2_gpio 11, watchdog_timeout 1000,
+    //     relay_timeout 500; "gateway" and "operation_mode" are not set.
+    //   no module: collector_gpio 12, collector_timeout 300, catra_timeout 5.
+    //   module "gpio": relay 1 direction "right", relay 2 "left", both
+    //     disabled, GPIOs 30 and 31.
+    //   module "identifier": verbose_logging 1.
+    //   module "host": online 0, exception_mode 0, antipassback_enabled 0,
+    //     device_id 1, buttonholes "40,41,42".
+    void set_default_configuration();
+
+    // dlopen the plug-in and call its init, as the terminal does; false with
+    // *error set when the library cannot be loaded or init fails. Only once
+    // per process: a second call fails the test.
+    bool load_plugin(std::string* error = nullptr);
+    // Starts the registered run function on the host's run thread; false when
+    // the plug-in registered none (or was not loaded).
+    bool start_plugin();
+    // The loaded plug-in's host object (load_plugin first).
+    standin::PluginHost& plugin_host();
+
+    // Sends a message on the bus as another module of the terminal would:
+    // asynchronously, fields in the order given.
+    void send(const std::string& type, const Fields& fields = {});
+    // Sends a synchronous request with a reply object and returns the answer.
+    // Fails the test when the send does not return within the time-out.
+    Reply request(const std::string& type, const Fields& fields = {},
+                  std::chrono::milliseconds timeout = kWait);
+
+    // Reads the next texts written to the controller and checks them, in
+    // order, against `commands` (each without its NUL). Adds a failure that
+    // shows what arrived instead, and returns false, on the first mismatch.
+    bool expect_commands(const std::vector<std::string>& commands,
+                         std::chrono::milliseconds timeout = kWait);
+
+    // Waits until the bus and the queues are idle (the stand-in's barrier).
+    bool wait_idle(std::chrono::milliseconds timeout = kWait);
+
+    // The texts of the log lines of one kind, in order.
+    std::vector<std::string> log_texts(standin::LogLine::Kind kind) const;
+
+    simulator::ControllerPty& pty() { return *pty_; }
+    BusRecorder& recorder() { return *recorder_; }
+    standin::Bus& bus() { return standin::Bus::instance(); }
+    standin::Config& config() { return standin::Config::instance(); }
+    standin::Clock& clock() { return standin::Clock::instance(); }
+    standin::Logs& logs() { return standin::Logs::instance(); }
+    standin::Database& database() { return standin::Database::instance(); }
+
+private:
+    void seed_database();
+
+    std::unique_ptr<simulator::ControllerPty> pty_;
+    std::unique_ptr<BusRecorder> recorder_;
+};
+
+}  // namespace catra_test
