@@ -3,9 +3,11 @@
 # demo: the road of one release against a simulated turnstile.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/setup.sh
+# Setting up and building report on standard error: standard output is the
+# demo's alone (JSON lines when it is not a terminal).
+scripts/setup.sh >&2
 cmake --preset default >/dev/null
-cmake --build --preset default
+cmake --build --preset default >&2
 exec build/default/terminal/catra-terminal \
   --config examples/terminal.ini \
   --plugin build/default/catra/libcatra.so \

@@ -70,6 +70,21 @@ std::atomic<int> closed_number{-1};
 struct Fault {
     int error = 0;
     int times = 0;
+    int after = 0;  // calls still to pass before the failures begin
+
+    // Counts one call of this kind; true when it is to fail. Called with the
+    // state's mutex held.
+    bool fails_now()
+    {
+        if (times <= 0)
+            return false;
+        if (after > 0) {
+            --after;
+            return false;
+        }
+        --times;
+        return true;
+    }
 };
 
 struct State {
@@ -101,9 +116,8 @@ bool take_fault(SyscallFaults::Call call, int* error)
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
     Fault& fault = s.faults[index_of(call)];
-    if (fault.times <= 0)
+    if (!fault.fails_now())
         return false;
-    --fault.times;
     *error = fault.error;
     return true;
 }
@@ -129,8 +143,7 @@ int open_through(const char* name, std::atomic<OpenFn>& cache, const char* path,
             // Not the device: pass on below, outside the lock.
         } else {
             Fault& fault = s.faults[index_of(SyscallFaults::Call::open)];
-            if (fault.times > 0) {
-                --fault.times;
+            if (fault.fails_now()) {
                 errno = fault.error;
                 return -1;
             }
@@ -206,11 +219,11 @@ void SyscallFaults::watch_path(const std::string& path)
     watching.store(true, std::memory_order_release);
 }
 
-void SyscallFaults::fail_next(Call call, int error, int times)
+void SyscallFaults::fail_next(Call call, int error, int times, int after)
 {
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
-    s.faults[index_of(call)] = Fault{error, times};
+    s.faults[index_of(call)] = Fault{error, times, after};
 }
 
 int SyscallFaults::armed(Call call)
@@ -316,8 +329,7 @@ ssize_t write(int fd, const void* buffer, size_t count)
         std::unique_lock<std::mutex> lock(s.mutex);
         s.writes.emplace_back(static_cast<const char*>(buffer), count);
         faults::Fault& fault = s.faults[faults::index_of(SyscallFaults::Call::write)];
-        if (fault.times > 0) {
-            --fault.times;
+        if (fault.fails_now()) {
             errno = fault.error;
             return -1;
         }

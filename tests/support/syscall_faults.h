@@ -28,8 +28,10 @@ public:
     // The next `times` calls of that kind on the device fail with errno `error`
     // without reaching the system: open of the watched path; read and write of
     // the device descriptor; select whose read set holds the device. Arming a
-    // kind again replaces what was left of its earlier arming.
-    static void fail_next(Call call, int error, int times = 1);
+    // kind again replaces what was left of its earlier arming. With `after`,
+    // that many calls of the kind on the device pass first (for example the
+    // third write of a sequence fails with after = 2).
+    static void fail_next(Call call, int error, int times = 1, int after = 0);
     // How many armed failures of that kind are still to come.
     static int armed(Call call);
 

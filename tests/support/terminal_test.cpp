@@ -54,6 +54,14 @@ std::optional<std::string> find_text(const std::vector<ac::MessageField>& fields
     return std::nullopt;
 }
 
+std::vector<ac::MessageField> message_fields(const Fields& fields)
+{
+    std::vector<ac::MessageField> plain;
+    for (const Field& entry : fields)
+        plain.push_back(entry.field);
+    return plain;
+}
+
 ac::Message* new_message(const std::string& type, const Fields& fields)
 {
     auto* message = new ac::Message(type, 0, nullptr);
@@ -241,7 +249,7 @@ Reply TerminalTest::request(const std::string& type, const Fields& fields,
     }
     if (!done) {
         sender.detach();
-        ADD_FAILURE() << "request " << render(type, {})
+        ADD_FAILURE() << "request " << render(type, message_fields(fields))
                       << ": the synchronous send did not return within " << timeout.count()
                       << " ms";
         return Reply{};

@@ -19,11 +19,17 @@ void config_param_set_callback(ac::Message* msg)
     }
 }
 
+// Takes its arguments by value: they are copies, independent of the message
+// that the queue frees after the handler.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 void catra_config_set_callback(std::string module, std::string param, std::string value)
 {
     std::lock_guard<std::mutex> lock(state_mutex);
 
-    if (module == "identifier" && param == "antipassback_enabled") {
+    // The first matching row acts; "gateway" further down needs the same
+    // action but must not be tried before the anti-passback rows.
+    if (module == "identifier" &&
+        param == "antipassback_enabled") {  // NOLINT(bugprone-branch-clone)
         set_portal_actions();
     } else if (param == "anti_passback") {
         ac::config_util::antipassback_enabled(
@@ -41,6 +47,8 @@ void catra_config_set_callback(std::string module, std::string param, std::strin
     }
 }
 
+// Takes its argument by value, like catra_config_set_callback.
+// NOLINTNEXTLINE(performance-unnecessary-value-param)
 void exception_mode_config_set_callback(std::string value)
 {
     std::lock_guard<std::mutex> lock(state_mutex);

@@ -15,6 +15,14 @@
 
 namespace {
 
+// The system's text for an errno value, as strerror gives it; safe to call
+// from any thread.
+std::string error_text(int error)
+{
+    char buffer[128];
+    return strerror_r(error, buffer, sizeof buffer);
+}
+
 // Writes one command text with its terminating NUL in a single write.
 // REQUIRES: state_mutex held by the caller, or start-up before any thread.
 // Once the event loop has closed the device, the descriptor number may belong
@@ -169,7 +177,7 @@ bool disable_catra(std::string* error)
     const int write_errno = errno;
     perror("Nao foi possivel desabilitar o Catra");
     if (error != nullptr) {
-        *error = std::string("Unable to disable: ") + strerror(write_errno);
+        *error = std::string("Unable to disable: ") + error_text(write_errno);
     }
     return false;
 }
@@ -222,7 +230,7 @@ bool assign_pin(const char* code, const std::string& value, const char* prefix, 
     if (configure_catra(code, value)) {
         return true;
     }
-    *error = std::string(prefix) + strerror(errno);
+    *error = std::string(prefix) + error_text(errno);
     return false;
 }
 
@@ -250,11 +258,11 @@ bool init_catra(std::string* error)
     }
 
     select_timeval.tv_sec = select_timeout / 1000;
-    select_timeval.tv_usec = (select_timeout % 1000) * 1000;
+    select_timeval.tv_usec = static_cast<suseconds_t>(select_timeout % 1000) * 1000;
 
     catra_fd = open(device_path.c_str(), O_RDWR);
     if (catra_fd == -1) {
-        *error = "Unable to open " + device_path + ": " + strerror(errno);
+        *error = "Unable to open " + device_path + ": " + error_text(errno);
         return false;
     }
 
@@ -268,7 +276,7 @@ bool init_catra(std::string* error)
         return false;
     }
     if (!configure_catra("e", "")) {
-        *error = std::string("Unable to enable: ") + strerror(errno);
+        *error = std::string("Unable to enable: ") + error_text(errno);
         return false;
     }
 

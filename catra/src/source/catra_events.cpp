@@ -198,7 +198,7 @@ void new_catra_event(int event)
     }
 
     const timespec now = ac::util::get_time();
-    timespec difference;
+    timespec difference{};
     ac::util::timespec_subtract(&difference, now, last_event_time);
     const int elapsed = ac::util::timespec_to_ms(difference);
     if (event == CatraEvent::BLOCKED && elapsed <= 99) {

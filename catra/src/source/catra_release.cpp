@@ -20,14 +20,13 @@ void liberate_catra(const std::string& direction, int reason)
         return;
     }
 
-    std::string command = direction;
-    if (current_state == CatraState::LEFT_LIBERATED && direction == "clockwise") {
-        command = "both";
-    } else if (current_state == CatraState::RIGHT_LIBERATED && direction == "anticlockwise") {
-        command = "both";
-    } else if (default_state != CatraState::BLOCKED && is_release) {
-        command = "both";
-    }
+    // A release that adds to one already freed, or made while a permanent
+    // free passage is the default, frees both sides.
+    const bool widen =
+        (current_state == CatraState::LEFT_LIBERATED && direction == "clockwise") ||
+        (current_state == CatraState::RIGHT_LIBERATED && direction == "anticlockwise") ||
+        (default_state != CatraState::BLOCKED && is_release);
+    const std::string command = widen ? "both" : direction;
 
     if (is_release) {
         log_catra_liberated(direction, reason);

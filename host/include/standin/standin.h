@@ -10,6 +10,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -143,6 +144,14 @@ private:
     mutable std::mutex mutex_;
     std::map<std::string, long long> counts_;
 };
+
+// What the last ac::MessageEnqueuer::process call was handed: the idle
+// period (ms) and the keep-alive function; nothing before the first call.
+struct QueueProcessCall {
+    int period = 0;
+    void (*keep_alive)() = nullptr;
+};
+std::optional<QueueProcessCall> last_queue_process_call();
 
 struct ThreadName {
     std::string name;

@@ -1,0 +1,167 @@
+// catra-terminal: the stand-in terminal. Loads the turnstile plug-in the way
+// the terminal's host framework does (dlopen, init, run on a thread of its
+// own), serves it with the stand-in host's bus, configuration store and
+// database, puts a simulated turnstile controller on a pseudo-terminal unless
+// the configuration names a controller device, and runs the commands of a
+// script or of standard input, printing everything that happens.
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <thread>
+
+#include "ac_dal/ac_dal.h"
+#include "config_file.h"
+#include "observers.h"
+#include "options.h"
+#include "output.h"
+#include "records.h"
+#include "script.h"
+#include "simulator/controller_pty.h"
+#include "simulator/turnstile.h"
+#include "standin/standin.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using terminal::Json;
+using terminal::Output;
+
+// How long the end of input waits for the last reactions to show: the plug-in
+// handles a controller letter outside the bus's accounting, so the terminal
+// ends once bus, queues and controller line are empty and nothing was printed
+// for a moment. A pending timed release is let run to its end.
+constexpr auto kQuietBeforeExit = 200ms;
+constexpr auto kSettleLimit = 3s;
+
+void report(const std::string& text)
+{
+    std::cerr << "catra-terminal: " << text << std::endl;
+}
+
+// The simulated controller, printing what crosses its line.
+struct SimulatedController {
+    explicit SimulatedController(Output& output)
+        : turnstile(line, simulator::Turnstile::Listener{
+                              [&output](const std::string& text) {
+                                  output.emit(Json{{"controller", text}});
+                              },
+                              [&output](char letter) {
+                                  output.emit(Json{{"turnstile", std::string(1, letter)}});
+                              },
+                              [&output](simulator::Side side, bool turned) {
+                                  output.emit(
+                                      Json{{"person", side == simulator::Side::left ? "turn_left"
+                                                                                    : "turn_right"},
+                                           {"turned", turned}});
+                              },
+                              [](const std::string& reason) {
+                                  report("the simulated controller stopped: " + reason);
+                              }})
+    {
+    }
+
+    simulator::ControllerPty line;
+    simulator::Turnstile turnstile;
+};
+
+// Lets the work that the input started finish: bus and plug-in queues idle,
+// the controller line read in both directions, no timed release pending, and
+// a moment without output. Bounded: a pending release adds its own time.
+void settle(Output& output, simulator::Turnstile* turnstile)
+{
+    auto limit = std::chrono::steady_clock::now() + kSettleLimit;
+    for (;;) {
+        const bool idle = standin::Bus::instance().wait_idle(100ms);
+        bool line_quiet = true;
+        if (turnstile != nullptr) {
+            if (const auto deadline = turnstile->release_deadline()) {
+                limit = std::max(limit, *deadline + kSettleLimit);
+                line_quiet = false;
+            } else {
+                line_quiet = turnstile->quiet();
+            }
+        }
+        if (idle && line_quiet && output.quiet_time() >= kQuietBeforeExit)
+            return;
+        if (std::chrono::steady_clock::now() >= limit)
+            return;
+        std::this_thread::sleep_for(20ms);
+    }
+}
+
+[[noreturn]] void finish(int code, SimulatedController* controller)
+{
+    if (controller != nullptr)
+        controller->turnstile.stop();
+    std::cout.flush();
+    // The plug-in's threads never end: the process ends without running
+    // static destructors under them.
+    standin::end_process(code);
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    terminal::Options options;
+    if (const auto code = terminal::parse_options(argc, argv, options))
+        return *code;
+
+    std::ifstream script_file;
+    if (!options.script.empty()) {
+        script_file.open(options.script);
+        if (!script_file) {
+            report(options.script + ": cannot be read");
+            return 1;
+        }
+    }
+
+    standin::Config& config = standin::Config::instance();
+    if (!options.config.empty()) {
+        const std::string error = terminal::load_config_file(options.config, config);
+        if (!error.empty()) {
+            report(error);
+            return 1;
+        }
+    }
+
+    standin::Database& database = standin::Database::instance();
+    try {
+        database.open(options.db);
+        terminal::seed_records(database, ac_dal::device::this_id());
+    } catch (const std::exception& e) {
+        report(std::string("database: ") + e.what());
+        return 1;
+    }
+
+    const bool json = options.json || !::isatty(STDOUT_FILENO);
+    Output output(stdout, json ? terminal::Style::json : terminal::Style::readable);
+    terminal::HostObservers observers(output);
+    standin::install_services();
+
+    std::unique_ptr<SimulatedController> controller;
+    if (!config.get("catra", "device_path", nullptr)) {
+        controller = std::make_unique<SimulatedController>(output);
+        config.set("catra", "device_path", controller->line.slave_path());
+        controller->turnstile.start();
+    }
+
+    standin::PluginHost plugin(options.plugin);
+    std::string error;
+    if (!plugin.init(&error)) {
+        report("the plug-in did not start: " + error);
+        finish(1, controller.get());
+    }
+    plugin.start();
+
+    terminal::Script script(output, database, controller ? &controller->turnstile : nullptr,
+                            std::cerr);
+    script.run(options.script.empty() ? std::cin : script_file);
+
+    settle(output, controller ? &controller->turnstile : nullptr);
+    finish(0, controller.get());
+}

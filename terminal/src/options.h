@@ -1,0 +1,22 @@
+// The command line of catra-terminal.
+#pragma once
+
+#include <optional>
+#include <string>
+
+namespace terminal {
+
+struct Options {
+    std::string config;           // INI file; empty: no configuration
+    std::string plugin;           // the plug-in library to load
+    std::string db = ":memory:";  // SQLite database file
+    std::string script;           // commands; empty: standard input
+    bool json = false;            // JSON lines even on a terminal
+};
+
+// Fills `options` from the command line. Returns the exit code when the
+// program should end at once (after --help, or on a bad command line, which
+// it reports on standard error).
+std::optional<int> parse_options(int argc, char** argv, Options& options);
+
+}  // namespace terminal

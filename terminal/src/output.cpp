@@ -1,0 +1,197 @@
+#include "output.h"
+
+#include <sstream>
+#include <string>
+
+namespace terminal {
+
+namespace {
+
+// Texts from the plug-in or the controller line need not be valid UTF-8:
+// invalid bytes are printed as U+FFFD rather than failing the line.
+std::string json_text(const Json& value)
+{
+    return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+// key=value for each [key, value] pair, values as JSON.
+std::string pairs(const Json& fields)
+{
+    std::string text;
+    for (const Json& field : fields) {
+        if (!field.is_array() || field.size() != 2)
+            continue;
+        text += ' ';
+        text += field[0].is_string() ? field[0].get<std::string>() : json_text(field[0]);
+        text += '=';
+        text += json_text(field[1]);
+    }
+    return text;
+}
+
+// key=value for each member of an object.
+std::string members(const Json& object)
+{
+    std::string text;
+    for (const auto& member : object.items()) {
+        text += ' ';
+        text += member.key();
+        text += '=';
+        text += json_text(member.value());
+    }
+    return text;
+}
+
+std::string text_of(const Json& line, const char* key)
+{
+    const auto found = line.find(key);
+    if (found == line.end())
+        return "";
+    return found->is_string() ? found->get<std::string>() : json_text(*found);
+}
+
+std::string column(const std::string& source)
+{
+    std::string padded = source;
+    padded.resize(std::max<std::size_t>(padded.size(), 10), ' ');
+    return padded + ' ';
+}
+
+}  // namespace
+
+Output::Output(std::FILE* stream, Style style)
+    : stream_(stream), style_(style), last_(std::chrono::steady_clock::now())
+{
+}
+
+void Output::emit(const Json& line)
+{
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        print(line);
+        since_mark_.push_back(line);
+        last_ = std::chrono::steady_clock::now();
+    }
+    printed_.notify_all();
+}
+
+void Output::mark()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    since_mark_.clear();
+}
+
+bool Output::wait_for(const Json& pattern, std::chrono::milliseconds timeout)
+{
+    std::unique_lock<std::mutex> lock(mutex_);
+    std::size_t looked_at = 0;  // lines before this one did not match
+    return printed_.wait_for(lock, timeout, [&] {
+        for (; looked_at < since_mark_.size(); ++looked_at) {
+            if (contains(since_mark_[looked_at], pattern))
+                return true;
+        }
+        return false;
+    });
+}
+
+std::chrono::steady_clock::duration Output::quiet_time() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return std::chrono::steady_clock::now() - last_;
+}
+
+void Output::print(const Json& line)
+{
+    const std::string text = style_ == Style::json ? json_text(line) : readable(line);
+    std::fputs(text.c_str(), stream_);
+    std::fputc('\n', stream_);
+    std::fflush(stream_);
+}
+
+bool contains(const Json& line, const Json& pattern)
+{
+    if (pattern.is_object()) {
+        if (!line.is_object())
+            return false;
+        for (const auto& member : pattern.items()) {
+            const auto found = line.find(member.key());
+            if (found == line.end() || !contains(*found, member.value()))
+                return false;
+        }
+        return true;
+    }
+    if (pattern.is_array()) {
+        if (!line.is_array())
+            return false;
+        for (const Json& wanted : pattern) {
+            bool seen = false;
+            for (const Json& element : line) {
+                if (contains(element, wanted)) {
+                    seen = true;
+                    break;
+                }
+            }
+            if (!seen)
+                return false;
+        }
+        return true;
+    }
+    return line == pattern;
+}
+
+std::string readable(const Json& line)
+{
+    if (!line.is_object() || line.empty())
+        return json_text(line);
+    if (line.contains("note"))
+        return "\n== " + text_of(line, "note");
+    if (line.contains("sent"))
+        return column("terminal >") + text_of(line, "sent") + pairs(line.value("fields", Json()));
+    if (line.contains("bus"))
+        return column("plug-in  >") + text_of(line, "bus") + pairs(line.value("fields", Json()));
+    if (line.contains("controller"))
+        return column("controller") + "< " + text_of(line, "controller");
+    if (line.contains("turnstile")) {
+        const std::string letter = text_of(line, "turnstile");
+        return column("controller") + "> " + letter + "  " +
+               event_name(letter.empty() ? '\0' : letter[0]);
+    }
+    if (line.contains("person")) {
+        const bool turned = line.value("turned", false);
+        return column("person") + text_of(line, "person") +
+               (turned ? ": the turnstile turns" : ": that side is locked, nothing turns");
+    }
+    if (line.contains("log")) {
+        const std::string kind = text_of(line, "log");
+        const std::string function = text_of(line, "function");
+        return column(kind) + (function.empty() ? "" : function + ": ") + text_of(line, "text");
+    }
+    if (line.contains("reply")) {
+        const bool replied = line.value("replied", false);
+        return column("reply") + text_of(line, "reply") +
+               (replied ? pairs(line.value("fields", Json())) : ": not replied");
+    }
+    if (line.contains("dump")) {
+        const Json rows = line.value("rows", Json::array());
+        std::ostringstream text;
+        text << column("dump") << text_of(line, "dump") << ": " << rows.size()
+             << (rows.size() == 1 ? " row" : " rows");
+        for (const Json& row : rows)
+            text << '\n' << column("") << ' ' << (row.is_object() ? members(row) : json_text(row));
+        return text.str();
+    }
+    return json_text(line);
+}
+
+std::string event_name(char letter)
+{
+    static const char* const names[] = {
+        "ALWAYS BLOCKED", "ALWAYS FREE LEFT", "ALWAYS FREE RIGHT", "ALWAYS FREE BOTH", "FREE LEFT",
+        "FREE RIGHT",     "FREE BOTH",        "TURN LEFT",         "TURN RIGHT",       "GIVE UP",
+        "BLOCKED",        "EVENT_READY",      "EVENT_NOT_READY"};
+    if (letter < 'a' || letter > 'm')
+        return "UNKNOWN EVENT";
+    return names[letter - 'a'];
+}
+
+}  // namespace terminal

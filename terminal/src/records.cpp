@@ -1,0 +1,123 @@
+#include "records.h"
+
+#include <ctime>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include "ac_dal/ac_dal.h"
+
+namespace terminal {
+
+namespace {
+
+struct Column {
+    const char* name;
+    bool is_int;
+};
+
+Json value_of(const std::string& text, bool is_int)
+{
+    if (!is_int)
+        return text;
+    try {
+        std::size_t used = 0;
+        const long long number = std::stoll(text, &used);
+        if (used == text.size())
+            return number;
+    } catch (const std::exception&) {
+    }
+    return text;
+}
+
+Json rows_of(standin::Database& database, const std::string& sql,
+             const std::vector<Column>& columns)
+{
+    Json rows = Json::array();
+    for (const std::vector<std::string>& row : database.query(sql)) {
+        Json object = Json::object();
+        for (std::size_t i = 0; i < columns.size() && i < row.size(); ++i)
+            object[columns[i].name] = value_of(row[i], columns[i].is_int);
+        rows.push_back(std::move(object));
+    }
+    return rows;
+}
+
+const std::vector<Column> kAccessLogColumns = {
+    {"id", true},    {"user_id", true}, {"portal_id", true}, {"time", true},
+    {"event", true}, {"reason", true},  {"uuid", false}};
+
+const char* const kAccessLogSelect =
+    "SELECT id, user_id, portal_id, time, event, reason, uuid FROM access_logs";
+
+Json portals(standin::Database& database)
+{
+    Json rows = rows_of(database, "SELECT id, device_id, name FROM portals ORDER BY id",
+                        {{"id", true}, {"device_id", true}, {"name", false}});
+    for (Json& portal : rows) {
+        Json actions = Json::array();
+        const std::string sql = "SELECT action_id FROM portal_actions WHERE portal_id = " +
+                                std::to_string(portal["id"].get<long long>()) +
+                                " ORDER BY position";
+        for (const std::vector<std::string>& row : database.query(sql))
+            actions.push_back(value_of(row.at(0), true));
+        portal["actions"] = std::move(actions);
+    }
+    return rows;
+}
+
+}  // namespace
+
+void seed_records(standin::Database& database, long long device_id)
+{
+    database.add_portal(1, device_id, "portal 1");
+    database.add_portal(2, device_id, "portal 2");
+    database.add_action(2, "release anticlockwise", {1, 2});
+    database.add_action(3, "release clockwise", {1, 2});
+    database.add_action(4, "release both", {1, 2});
+    if (database.query("SELECT COUNT(*) FROM access_logs").at(0).at(0) == "0") {
+        const int now = static_cast<int>(std::time(nullptr));
+        database.add_access_log(100, 1, now - 20, ac_dal::access_log_event::GRANTED);
+        database.add_access_log(101, 2, now - 10, ac_dal::access_log_event::GRANTED);
+    }
+}
+
+bool is_dump_name(const std::string& what)
+{
+    return what == "access_events" || what == "access_logs" || what == "exit_requests" ||
+           what == "counters" || what == "portals";
+}
+
+Json dump_records(standin::Database& database, const std::string& what)
+{
+    if (what == "access_events") {
+        return rows_of(
+            database,
+            "SELECT id, module, name, uuid, device_id, timestamp FROM access_events ORDER BY id",
+            {{"id", true},
+             {"module", false},
+             {"name", false},
+             {"uuid", false},
+             {"device_id", true},
+             {"timestamp", true}});
+    }
+    if (what == "access_logs")
+        return rows_of(database, std::string(kAccessLogSelect) + " ORDER BY id", kAccessLogColumns);
+    if (what == "exit_requests") {
+        return rows_of(database,
+                       std::string(kAccessLogSelect) + " WHERE event = " +
+                           std::to_string(ac_dal::access_log_event::REX) + " ORDER BY id",
+                       kAccessLogColumns);
+    }
+    if (what == "counters") {
+        Json rows = Json::array();
+        for (const char* name : {"left_turns", "right_turns", "entrance_turns", "exit_turns"})
+            rows.push_back(Json{{"name", name}, {"value", database.counter(name)}});
+        return rows;
+    }
+    if (what == "portals")
+        return portals(database);
+    throw std::invalid_argument("no records called \"" + what + "\"");
+}
+
+}  // namespace terminal

@@ -1,0 +1,29 @@
+// The database records that the terminal creates at start and prints on
+// request.
+#pragma once
+
+#include <string>
+
+#include "output.h"
+#include "standin/standin.h"
+
+namespace terminal {
+
+// Creates, when missing: this device's portals 1 and 2, the release actions
+// 2 (anticlockwise), 3 (clockwise) and 4 (both) on both portals, and, when the
+// access log is empty, two granted accesses (users 100 and 101, portals 1 and
+// 2) for the plug-in's passage and give-up records to complete.
+void seed_records(standin::Database& database, long long device_id);
+
+// The names that dump_records knows.
+bool is_dump_name(const std::string& what);
+
+// The rows of one kind of record, each an object of its columns:
+//   "access_events"  id, module, name, uuid, device_id, timestamp
+//   "access_logs"    id, user_id, portal_id, time, event, reason, uuid
+//   "exit_requests"  the access-log records of exit requests (event 12)
+//   "counters"       name, value for the four turn counters
+//   "portals"        id, device_id, name, actions (action ids in order)
+Json dump_records(standin::Database& database, const std::string& what);
+
+}  // namespace terminal

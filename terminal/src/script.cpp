@@ -1,0 +1,373 @@
+#include "script.h"
+
+#include <climits>
+#include <condition_variable>
+#include <istream>
+#include <memory>
+#include <mutex>
+#include <ostream>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "ac/ac.h"
+#include "observers.h"
+#include "records.h"
+
+namespace terminal {
+
+namespace {
+
+constexpr std::chrono::milliseconds kDefaultWaitFor{5000};
+constexpr std::chrono::milliseconds kRequestTimeout{10000};
+constexpr long long kLongestWait = 3600 * 1000;
+
+// A command that cannot be run as written; its text is the error line.
+struct CommandError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+using Handler = void (Script::*)(const Json&);
+
+struct CommandKind {
+    const char* name;
+    std::vector<std::string> options;  // the keys allowed beside the command's own
+    Handler run;
+};
+
+std::string quoted(const std::string& text)
+{
+    return Json(text).dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+// A whole number within [low, high].
+long long whole_number(const Json& value, const std::string& what, long long low, long long high)
+{
+    if (!value.is_number_integer())
+        throw CommandError(what + " must be a whole number");
+    long long number = 0;
+    if (value.is_number_unsigned()) {
+        const auto unsigned_number = value.get<unsigned long long>();
+        if (unsigned_number > static_cast<unsigned long long>(high))
+            throw CommandError(what + " must be at most " + std::to_string(high));
+        number = static_cast<long long>(unsigned_number);
+    } else {
+        number = value.get<long long>();
+    }
+    if (number < low || number > high) {
+        throw CommandError(what + " must be from " + std::to_string(low) + " to " +
+                           std::to_string(high));
+    }
+    return number;
+}
+
+int int_value(const Json& value, const std::string& what)
+{
+    return static_cast<int>(whole_number(value, what, INT_MIN, INT_MAX));
+}
+
+std::string text_value(const Json& value, const std::string& what)
+{
+    if (!value.is_string())
+        throw CommandError(what + " must be a text");
+    return value.get<std::string>();
+}
+
+std::string message_type(const Json& command, const char* key)
+{
+    const std::string type = text_value(command.at(key), quoted(key));
+    if (type.empty())
+        throw CommandError(quoted(key) + " needs a message type");
+    return type;
+}
+
+// A new message of that type with the fields of a "fields" object, in order.
+std::unique_ptr<ac::Message> new_message(const std::string& type, const Json& command)
+{
+    auto message = std::make_unique<ac::Message>(type, 0, nullptr);
+    const auto fields = command.find("fields");
+    if (fields == command.end())
+        return message;
+    if (!fields->is_object())
+        throw CommandError("\"fields\" must be an object");
+    for (const auto& field : fields->items()) {
+        const std::string what = "field " + quoted(field.key());
+        if (field.value().is_string()) {
+            message->add_string(field.key(), field.value().get<std::string>());
+        } else if (field.value().is_number_integer()) {
+            message->add_int(field.key(), int_value(field.value(), what));
+        } else {
+            throw CommandError(what + " must be a whole number or a text");
+        }
+    }
+    return message;
+}
+
+void send_own(std::unique_ptr<ac::Message> message)
+{
+    OwnSend own;
+    ac::PostOffice::send_message(message.release());
+}
+
+}  // namespace
+
+Script::Script(Output& output, standin::Database& database, simulator::Turnstile* turnstile,
+               std::ostream& errors)
+    : output_(output), database_(database), turnstile_(turnstile), errors_(errors)
+{
+}
+
+void Script::run(std::istream& input)
+{
+    std::string line;
+    int number = 0;
+    while (std::getline(input, line))
+        execute(line, ++number);
+}
+
+void Script::execute(const std::string& line, int number)
+{
+    const auto first = line.find_first_not_of(" \t\r");
+    if (first == std::string::npos || line[first] == '#')
+        return;
+    std::string error;
+    try {
+        const Json command = Json::parse(line);
+        if (!command.is_object())
+            throw CommandError("a command is one JSON object, not " +
+                               std::string(command.type_name()));
+        run_command(command);
+    } catch (const Json::parse_error& e) {
+        error = "not valid JSON (at character " + std::to_string(e.byte) + ")";
+    } catch (const std::exception& e) {
+        error = e.what();
+    }
+    if (!error.empty())
+        errors_ << "catra-terminal: line " << number << ": " << error << std::endl;
+}
+
+void Script::run_command(const Json& command)
+{
+    static const std::vector<CommandKind> kinds = {
+        {"send", {"fields"}, &Script::send},
+        {"request", {"fields"}, &Script::request},
+        {"config", {}, &Script::config},
+        {"gpio", {"value"}, &Script::gpio},
+        {"controller", {}, &Script::controller},
+        {"person", {}, &Script::person},
+        {"wait_ms", {}, &Script::wait_ms},
+        {"dump", {}, &Script::dump},
+        {"wait_for", {"timeout_ms"}, &Script::wait_for},
+        {"note", {}, &Script::note},
+    };
+    if (command.empty())
+        throw CommandError("an empty object: no command");
+
+    const CommandKind* kind = nullptr;
+    for (const auto& member : command.items()) {
+        for (const CommandKind& candidate : kinds) {
+            if (member.key() != candidate.name)
+                continue;
+            if (kind != nullptr) {
+                throw CommandError("two commands in one line: " + quoted(kind->name) + " and " +
+                                   quoted(candidate.name));
+            }
+            kind = &candidate;
+        }
+    }
+    if (kind == nullptr)
+        throw CommandError("unknown command " + quoted(command.begin().key()));
+    for (const auto& member : command.items()) {
+        if (member.key() == kind->name)
+            continue;
+        bool allowed = false;
+        for (const std::string& option : kind->options)
+            allowed = allowed || option == member.key();
+        if (!allowed) {
+            throw CommandError("unexpected key " + quoted(member.key()) + " in a " +
+                               quoted(kind->name) + " command");
+        }
+    }
+
+    (this->*kind->run)(command);
+}
+
+void Script::send(const Json& command)
+{
+    std::unique_ptr<ac::Message> message = new_message(message_type(command, "send"), command);
+    output_.mark();
+    send_own(std::move(message));
+}
+
+void Script::request(const Json& command)
+{
+    const std::string type = message_type(command, "request");
+    // The request waits on a thread of its own, so that a receiver that never
+    // answers cannot stop the script; the exchange outlives that thread.
+    struct Exchange {
+        ac::MessageReply reply;
+        std::mutex mutex;
+        std::condition_variable returned;
+        bool done = false;
+    };
+    auto exchange = std::make_shared<Exchange>();
+    std::unique_ptr<ac::Message> message = new_message(type, command);
+    message->set_reply(&exchange->reply);
+    output_.mark();
+    std::thread sender([exchange, sent = message.release()] {
+        {
+            OwnSend own;
+            ac::PostOffice::send_message_sync(sent);
+        }
+        std::lock_guard<std::mutex> lock(exchange->mutex);
+        exchange->done = true;
+        exchange->returned.notify_all();
+    });
+    std::unique_lock<std::mutex> lock(exchange->mutex);
+    if (!exchange->returned.wait_for(lock, kRequestTimeout, [&] { return exchange->done; })) {
+        sender.detach();
+        throw CommandError("request " + quoted(type) + ": no answer within " +
+                           std::to_string(kRequestTimeout.count()) + " ms");
+    }
+    lock.unlock();
+    sender.join();
+    Json line;
+    line["reply"] = type;
+    line["replied"] = exchange->reply.replied();
+    line["fields"] = fields_json(exchange->reply.fields());
+    output_.emit(line);
+}
+
+void Script::config(const Json& command)
+{
+    const Json& change = command.at("config");
+    if (!change.is_object())
+        throw CommandError("\"config\" must be an object with \"module\", \"key\" and \"value\"");
+    std::string module;
+    std::string key;
+    std::string value;
+    bool has_key = false;
+    bool has_value = false;
+    for (const auto& member : change.items()) {
+        if (member.key() == "module") {
+            module = text_value(member.value(), "\"module\"");
+        } else if (member.key() == "key") {
+            key = text_value(member.value(), "\"key\"");
+            has_key = true;
+        } else if (member.key() == "value") {
+            if (member.value().is_number_integer())
+                value = member.value().dump();
+            else
+                value = text_value(member.value(), "\"value\"");
+            has_value = true;
+        } else {
+            throw CommandError("unexpected key " + quoted(member.key()) + " in \"config\"");
+        }
+    }
+    if (!has_key || key.empty())
+        throw CommandError("\"config\" needs a \"key\"");
+    if (!has_value)
+        throw CommandError("\"config\" needs a \"value\"");
+
+    output_.mark();
+    standin::Config::instance().set(module, key, value);
+    auto message = std::make_unique<ac::Message>("config_param_set", 0, nullptr);
+    message->add_string("module", module);
+    message->add_string("param", key);
+    message->add_string("value", value);
+    send_own(std::move(message));
+}
+
+void Script::gpio(const Json& command)
+{
+    const int gpio = int_value(command.at("gpio"), "\"gpio\"");
+    const auto value = command.find("value");
+    if (value == command.end())
+        throw CommandError("\"gpio\" needs a \"value\"");
+    auto message = std::make_unique<ac::Message>("gpio_notified", 0, nullptr);
+    message->add_int("gpio", gpio);
+    message->add_int("value", int_value(*value, "\"value\""));
+    output_.mark();
+    send_own(std::move(message));
+}
+
+void Script::controller(const Json& command)
+{
+    const std::string letters = text_value(command.at("controller"), "\"controller\"");
+    if (letters.empty() || letters.find('\0') != std::string::npos)
+        throw CommandError("\"controller\" needs one or more letters");
+    simulator::Turnstile& reporter = turnstile("controller");
+    output_.mark();
+    reporter.report(letters);
+}
+
+void Script::person(const Json& command)
+{
+    const std::string action = text_value(command.at("person"), "\"person\"");
+    simulator::Side side;
+    if (action == "turn_left") {
+        side = simulator::Side::left;
+    } else if (action == "turn_right") {
+        side = simulator::Side::right;
+    } else {
+        throw CommandError("\"person\" must be \"turn_left\" or \"turn_right\", not " +
+                           quoted(action));
+    }
+    simulator::Turnstile& pushed = turnstile("person");
+    output_.mark();
+    pushed.push(side);
+}
+
+void Script::wait_ms(const Json& command)
+{
+    const long long ms = whole_number(command.at("wait_ms"), "\"wait_ms\"", 0, kLongestWait);
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+}
+
+void Script::dump(const Json& command)
+{
+    const std::string what = text_value(command.at("dump"), "\"dump\"");
+    if (!is_dump_name(what)) {
+        throw CommandError("no records called " + quoted(what) +
+                           " (access_events, access_logs, counters, exit_requests, portals)");
+    }
+    Json line;
+    line["dump"] = what;
+    line["rows"] = dump_records(database_, what);
+    output_.emit(line);
+}
+
+void Script::wait_for(const Json& command)
+{
+    const Json& pattern = command.at("wait_for");
+    if (!pattern.is_object() || pattern.empty())
+        throw CommandError("\"wait_for\" needs an object with the keys and values to wait for");
+    std::chrono::milliseconds timeout = kDefaultWaitFor;
+    const auto given = command.find("timeout_ms");
+    if (given != command.end())
+        timeout =
+            std::chrono::milliseconds(whole_number(*given, "\"timeout_ms\"", 0, kLongestWait));
+    if (!output_.wait_for(pattern, timeout)) {
+        throw CommandError("wait_for " +
+                           pattern.dump(-1, ' ', false, Json::error_handler_t::replace) +
+                           ": no such line within " + std::to_string(timeout.count()) + " ms");
+    }
+}
+
+void Script::note(const Json& command)
+{
+    Json line;
+    line["note"] = text_value(command.at("note"), "\"note\"");
+    output_.emit(line);
+}
+
+simulator::Turnstile& Script::turnstile(const char* command)
+{
+    if (turnstile_ == nullptr) {
+        throw CommandError(quoted(command) +
+                           " needs the simulated controller, but \"device_path\" names a device");
+    }
+    return *turnstile_;
+}
+
+}  // namespace terminal

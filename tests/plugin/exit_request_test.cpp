@@ -1,0 +1,125 @@
+// Exit-request buttons through the running plug-in: buttonholes 1, 2 and 3
+// are GPIOs 40, 41 and 42. A press starts a worker that waits briefly for a
+// second button, releases the turnstile and sounds the buzzer.
+#include <algorithm>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "terminal_test.h"
+
+namespace catra_test {
+namespace {
+
+using Texts = std::vector<std::string>;
+
+template <typename Condition>
+bool eventually(Condition condition)
+{
+    const auto deadline = std::chrono::steady_clock::now() + kWait;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+class ExitRequest : public TerminalTest {
+protected:
+    void SetUp() override
+    {
+        TerminalTest::SetUp();
+        ASSERT_TRUE(load_plugin());
+        ASSERT_TRUE(start_plugin());
+        ASSERT_TRUE(expect_commands(setup_commands()));
+        ASSERT_TRUE(expect_commands({"i"}));
+    }
+
+    // Presses (any level but 1) and releases, sent back to back.
+    void notify(const std::vector<std::pair<int, int>>& levels)
+    {
+        for (const auto& [gpio, value] : levels)
+            send("gpio_notified", {{"gpio", gpio}, {"value", value}});
+    }
+    static int buzzes() { return standin::Buzzer::instance().count(); }
+    // The texts of the log lines of one function.
+    Texts lines_of(const std::string& function)
+    {
+        Texts lines;
+        for (const standin::LogLine& line : logs().lines())
+            if (line.function == function)
+                lines.push_back(line.text);
+        return lines;
+    }
+};
+
+TEST_F(ExitRequest, EachBurstOfPressesGivesOneReleaseOneBuzzAndOneRecord)
+{
+    const struct {
+        std::vector<std::pair<int, int>> levels;
+        const char* release;
+        const char* logged;
+    } bursts[] = {
+        {{{40, 0}}, "l5", "Allow anticlockwise! Reason: REX"},
+        {{{40, 0}, {41, 0}}, "b5", "Allow both! Reason: REX"},
+        {{{41, 0}, {41, 2}}, "r5", "Allow clockwise! Reason: REX"},
+        {{{42, 0}}, "b5", "Allow both! Reason: REX"},
+        // Had level 1 counted, the second press would have joined it.
+        {{{40, 1}, {41, 0}}, "r5", "Allow clockwise! Reason: REX"},
+    };
+    for (const auto& burst : bursts) {
+        SCOPED_TRACE(burst.logged + std::string(" from ") + std::to_string(burst.levels.size()) +
+                     " notifications");
+        logs().clear();
+        const int before = buzzes();
+        notify(burst.levels);
+        ASSERT_TRUE(expect_commands({burst.release}));
+        ASSERT_TRUE(eventually([&] { return buzzes() > before; }));
+        ASSERT_TRUE(wait_idle());
+        EXPECT_EQ(buzzes(), before + 1);
+        EXPECT_EQ(lines_of("log_catra_liberated"), Texts{burst.logged});
+        EXPECT_EQ(database().query("SELECT user_id, portal_id, event, reason FROM access_logs "
+                                   "ORDER BY id DESC LIMIT 1"),
+                  (standin::Rows{{"0", "1", "12", "2"}}));
+    }
+}
+
+TEST_F(ExitRequest, AFailingBuzzerOrReleaseLeavesTheNextPressFree)
+{
+    const struct {
+        const char* fault;
+        const char* first_release;  // null: nothing written
+    } table[] = {
+        {"buzzer failure", "l5"},
+        {"injected fault in create_log_rex", nullptr},
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE(row.fault);
+        const int before = buzzes();
+        if (row.first_release != nullptr)
+            standin::Buzzer::instance().fail_next();
+        else
+            database().fail_next(standin::DalCall::create_log_rex);
+        notify({{40, 0}});
+        if (row.first_release != nullptr) {
+            EXPECT_TRUE(expect_commands({row.first_release}));
+        }
+        ASSERT_TRUE(eventually([&] {
+            const Texts lines = lines_of("operator()");
+            return std::find(lines.begin(), lines.end(), row.fault) != lines.end();
+        }));
+        EXPECT_EQ(buzzes(), before);
+
+        // The failed worker left no press pending: this one stands alone.
+        notify({{41, 0}});
+        EXPECT_TRUE(expect_commands({"r5"}));
+        EXPECT_TRUE(eventually([&] { return buzzes() == before + 1; }));
+        logs().clear();
+    }
+}
+
+}  // namespace
+}  // namespace catra_test

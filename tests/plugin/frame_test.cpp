@@ -1,0 +1,188 @@
+// The plug-in frame as the terminal sees it: registration with the host and
+// with the plug-in's queue, the start-up commands of the run function, and
+// the queue's watchdog period and keep-alive.
+#include <cerrno>
+#include <chrono>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "terminal_test.h"
+
+namespace catra_test {
+namespace {
+
+template <typename Condition>
+bool eventually(Condition condition)
+{
+    const auto deadline = std::chrono::steady_clock::now() + kWait;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+class Frame : public TerminalTest {};
+
+TEST_F(Frame, HostRegistrationHasTheTenTypesInOrderWithTheirFlags)
+{
+    std::string error;
+    ASSERT_TRUE(load_plugin(&error)) << error;
+    EXPECT_EQ(plugin_host().plugin().name(), "catra");
+    EXPECT_NE(plugin_host().plugin().run_function(), nullptr);
+
+    const struct {
+        const char* type;
+        bool flag;
+        bool copied;  // queued as a copy instead of moved into the queue
+    } expected[] = {
+        {"catra_catra_enabled", false, false}, {"catra_set_catra_enabled", false, false},
+        {"catra_state", false, false},         {"liberate_catra", true, false},
+        {"catra_open_collector", true, false}, {"catra_photo_sensor", true, false},
+        {"catra_solenoid", true, false},       {"catra_set_solenoid", true, false},
+        {"gpio_notified", true, true},         {"config_param_set", false, true},
+    };
+    const std::vector<ac::MessageListener> rows = plugin_host().plugin().listeners();
+    ASSERT_EQ(rows.size(), 10u);
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        SCOPED_TRACE("row " + std::to_string(i + 1) + " " + rows[i].type);
+        EXPECT_EQ(rows[i].type, expected[i].type);
+        EXPECT_EQ(rows[i].flag, expected[i].flag);
+        // One function moves, the other copies; the queue is not served yet,
+        // so a moved message waits there untouched.
+        EXPECT_EQ(rows[i].function, rows[expected[i].copied ? 8 : 0].function);
+        auto* msg = new ac::Message(rows[i].type, 0, nullptr);
+        rows[i].function(msg);
+        EXPECT_EQ(msg->handled(), !expected[i].copied);
+        EXPECT_EQ(msg->transferred(), !expected[i].copied);
+        if (expected[i].copied)
+            delete msg;
+    }
+    EXPECT_NE(rows[0].function, rows[8].function);
+}
+
+// Every type reaches its own handler once the run function serves the queue:
+// each step's effect can only come from that type's handler.
+TEST_F(Frame, EachTypeReachesItsHandler)
+{
+    ASSERT_TRUE(load_plugin());
+    ASSERT_TRUE(start_plugin());
+    ASSERT_TRUE(expect_commands(setup_commands()));
+    ASSERT_TRUE(expect_commands({"i"}));
+
+    EXPECT_EQ(request("catra_catra_enabled").text(), "reply{enabled=1}");
+    EXPECT_EQ(request("catra_state").text(), "reply{state=0,default_state=0}");
+    EXPECT_EQ(request("catra_photo_sensor", {{"id", 2}}).text(), "unreplied{}");
+    EXPECT_EQ(request("catra_photo_sensor", {{"id", 1}}).text(), "reply{value=0}");
+    EXPECT_EQ(request("catra_solenoid", {{"id", 2}}).text(), "reply{value=0}");
+
+    send("liberate_catra", {{"catra_direction", "clockwise"}, {"catra_reason", 1}});
+    EXPECT_TRUE(expect_commands({"r5"}));
+
+    send("catra_open_collector");
+    ASSERT_TRUE(recorder().wait_for("gpio_activate", 1));
+    EXPECT_EQ(render(recorder().of_type("gpio_activate").back()),
+              "gpio_activate{gpio=12,timeout=300}");
+
+    send("config_param_set",
+         {{"module", "catra"}, {"param", "operation_mode"}, {"value", "both_open"}});
+    EXPECT_TRUE(expect_commands({"ab"}));
+
+    send("catra_set_catra_enabled", {{"enabled", 0}});
+    EXPECT_TRUE(expect_commands({"d"}));
+    ASSERT_TRUE(recorder().wait_for("catra_catra_enabled_changed", 1));
+
+    send("catra_set_solenoid", {{"id", 1}, {"value", 1}});
+    ASSERT_TRUE(recorder().wait_for("gpio_activate", 2));
+    EXPECT_EQ(render(recorder().of_type("gpio_activate").back()),
+              "gpio_activate{gpio=11,timeout=2000}");
+
+    send("gpio_notified", {{"gpio", kFi2Gpio}, {"value", 1}});
+    ASSERT_TRUE(recorder().wait_for("photo_sensor_changed", 1));
+    EXPECT_EQ(render(recorder().of_type("photo_sensor_changed").back()),
+              "photo_sensor_changed{id=1,value=1}");
+    EXPECT_TRUE(wait_idle());
+    EXPECT_EQ(pty().drain(), "");
+}
+
+TEST_F(Frame, RunHandsTheWatchdogPeriodToTheQueueAndFeedsCatra)
+{
+    // A period no test outlasts, and an event thread that ends after its
+    // first pass: from then on only the queue's keep-alive feeds "catra".
+    config().set("catra", "watchdog_timeout", 600000);
+    SyscallFaults::fail_next(SyscallFaults::Call::select, EIO);
+    ASSERT_TRUE(load_plugin());
+    ASSERT_TRUE(start_plugin());
+    ASSERT_TRUE(expect_commands(setup_commands()));
+    ASSERT_TRUE(expect_commands({"i"}));
+    ASSERT_TRUE(SyscallFaults::wait_device_closed(kWait));
+    ASSERT_TRUE(eventually([] { return standin::last_queue_process_call().has_value(); }));
+
+    const standin::QueueProcessCall call = *standin::last_queue_process_call();
+    EXPECT_EQ(call.period, 600000);
+    ASSERT_NE(call.keep_alive, nullptr);
+
+    standin::Watchdog& watchdog = standin::Watchdog::instance();
+    const long long fed = watchdog.count("catra");
+    call.keep_alive();
+    call.keep_alive();
+    EXPECT_EQ(watchdog.count("catra"), fed + 2);
+
+    // The queue feeds it after each message it serves.
+    EXPECT_EQ(request("catra_state").text(), "reply{state=0,default_state=0}");
+    EXPECT_TRUE(eventually([&] { return watchdog.count("catra") == fed + 3; }));
+}
+
+// ---------------------------------------------------------------- start-up commands
+
+struct StartUp {
+    const char* name;
+    const char* exception_mode;
+    const char* operation_mode;  // null: not configured
+    const char* gateway;         // null: not configured
+    std::vector<std::string> commands;
+};
+
+void PrintTo(const StartUp& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
+class FrameStartUp : public TerminalTest, public ::testing::WithParamInterface<StartUp> {};
+
+// Whatever start-up writes comes before the first command of a queued
+// request, so the "both" release marks the end of the start-up commands.
+TEST_P(FrameStartUp, DefaultModeThenExceptionMode)
+{
+    const StartUp& row = GetParam();
+    config().set("host", "exception_mode", row.exception_mode);
+    if (row.operation_mode != nullptr)
+        config().set("catra", "operation_mode", row.operation_mode);
+    if (row.gateway != nullptr)
+        config().set("catra", "gateway", row.gateway);
+    ASSERT_TRUE(load_plugin());
+    send("liberate_catra", {{"catra_direction", "both"}, {"catra_reason", 1}});
+    ASSERT_TRUE(start_plugin());
+
+    std::vector<std::string> expected = setup_commands();
+    expected.insert(expected.end(), row.commands.begin(), row.commands.end());
+    expected.push_back("b5");
+    EXPECT_TRUE(expect_commands(expected));
+    EXPECT_EQ(SyscallFaults::device_writes().size(), expected.size());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Modes, FrameStartUp,
+    ::testing::Values(StartUp{"Mode1", "1", nullptr, nullptr, {"i", "ab"}},
+                      StartUp{"ModeFree", "free", "exit_open", "clockwise", {"al", "ab"}},
+                      StartUp{"Mode2", "2", "both_open", nullptr, {"ab", "i"}},
+                      StartUp{"Mode0", "0", "entrance_open", "clockwise", {"ar"}},
+                      StartUp{"Mode3", "3", "both_open", nullptr, {"ab"}},
+                      StartUp{"EmptyOperationMode", "0", "", "clockwise", {"i"}}),
+    [](const ::testing::TestParamInfo<StartUp>& info) { return std::string(info.param.name); });
+
+}  // namespace
+}  // namespace catra_test

@@ -1,0 +1,198 @@
+// Configuration changes: which "config_param_set" messages reach which
+// reaction, the default mode of each operation mode, the exception modes and
+// the anti-passback settings handed to the host.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "catra_internal.h"
+#include "terminal_test.h"
+
+namespace catra_test {
+namespace {
+
+using namespace std::string_literals;
+using Texts = std::vector<std::string>;
+
+class ConfigChange : public TerminalTest {
+protected:
+    void SetUp() override
+    {
+        TerminalTest::SetUp();
+        catra_fd = ::open(pty().slave_path().c_str(), O_RDWR);
+        ASSERT_GE(catra_fd, 0);
+        catra_fd_closed = false;
+        // Portal actions as anti-passback with a clockwise entrance sets them.
+        config().set("host", "antipassback_enabled", 1);
+        config().set("catra", "gateway", "clockwise");
+    }
+    void TearDown() override
+    {
+        ::close(catra_fd);
+        TerminalTest::TearDown();
+    }
+
+    // Hands a "config_param_set" message to its handler; a null text leaves
+    // the field out. Returns the controller writes it caused.
+    Texts change(const char* module, const char* param, const char* value)
+    {
+        ac::Message msg("config_param_set", 0, nullptr);
+        if (module != nullptr)
+            msg.add_string("module", module);
+        if (param != nullptr)
+            msg.add_string("param", param);
+        if (value != nullptr)
+            msg.add_string("value", value);
+        const std::size_t before = SyscallFaults::device_writes().size();
+        config_param_set_callback(&msg);
+        EXPECT_FALSE(msg.handled());
+        const Texts writes = SyscallFaults::device_writes();
+        return Texts(writes.begin() + static_cast<long>(before), writes.end());
+    }
+    standin::Rows portal_actions()
+    {
+        return database().query(
+            "SELECT portal_id, action_id FROM portal_actions ORDER BY portal_id, position");
+    }
+    std::optional<std::string> host_key(const std::string& key)
+    {
+        std::string value;
+        if (!config().get("host", key, &value))
+            return std::nullopt;
+        return value;
+    }
+};
+
+TEST_F(ConfigChange, RoutingByModuleAndParameter)
+{
+    const standin::Rows actions_set = {{"1", "3"}, {"2", "2"}};
+    const struct {
+        const char* module;
+        const char* param;
+        const char* value;
+        Texts writes;
+        bool portal_actions_set;
+    } table[] = {
+        {"catra", "operation_mode", "both_open", {"ab\0"s}, false},
+        {"identifier", "operation_mode", "both_open", {"ab\0"s}, false},
+        {"gpio", "operation_mode", "both_open", {}, false},
+        {"identifier", "antipassback_enabled", "1", {}, true},
+        {"catra", "antipassback_enabled", "1", {}, false},
+        {"catra", "gateway", "clockwise", {}, true},
+        {"identifier", "gateway", "clockwise", {}, true},
+        {"catra", "exception_mode", "1", {}, false},
+        {"identifier", "exception_mode", "2", {}, false},
+        {"online", "exception_mode", "1", {"ab\0"s}, false},
+        {"", "exception_mode", "2", {"i\0"s}, false},
+        {nullptr, "exception_mode", "2", {"i\0"s}, false},
+        {"online", "operation_mode", "both_open", {}, false},
+        {"catra", "operation_mode", nullptr, {}, false},
+        {"catra", nullptr, "both_open", {}, false},
+        {"online", "exception_mode", nullptr, {}, false},
+        {"catra", "unknown", "1", {}, false},
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE(std::string(row.module ? row.module : "(none)") + " / " +
+                     (row.param ? row.param : "(none)") + " = " +
+                     (row.value ? row.value : "(none)"));
+        database().exec("DELETE FROM portal_actions");
+        EXPECT_EQ(change(row.module, row.param, row.value), row.writes);
+        EXPECT_EQ(portal_actions(), row.portal_actions_set ? actions_set : standin::Rows{});
+        EXPECT_EQ(host_key("antipassback_enabled"), "1");
+        EXPECT_EQ(host_key("antipassback_mode"), std::nullopt);
+    }
+}
+
+TEST_F(ConfigChange, OperationModeAndGatewayChooseTheDefaultMode)
+{
+    const struct {
+        const char* operation_mode;
+        const char* gateway;  // null: not configured
+        const char* written;
+    } table[] = {
+        {"entrance_open", "clockwise", "ar"},
+        {"entrance_open", "anticlockwise", "al"},
+        {"entrance_open", nullptr, "al"},
+        {"exit_open", "clockwise", "al"},
+        {"exit_open", "anticlockwise", "ar"},
+        {"exit_open", nullptr, "ar"},
+        {"both_open", "clockwise", "ab"},
+        {"both_open", "anticlockwise", "ab"},
+        {"Entrance_open", "clockwise", "i"},
+        {"entrance_open ", "clockwise", "i"},
+        {"exit-open", "anticlockwise", "i"},
+        {"blocked", "clockwise", "i"},
+        {"", "clockwise", "i"},
+        {"entrance_open", "Clockwise", "al"},
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE("\""s + row.operation_mode + "\", gateway " +
+                     (row.gateway ? row.gateway : "missing"));
+        if (row.gateway != nullptr)
+            config().set("catra", "gateway", row.gateway);
+        else
+            config().erase("catra", "gateway");
+        // The message's value counts, not what the store holds.
+        config().set("catra", "operation_mode", "both_open");
+        EXPECT_EQ(change("catra", "operation_mode", row.operation_mode),
+                  Texts{row.written + "\0"s});
+    }
+}
+
+TEST_F(ConfigChange, ExceptionModeOverridesOrRereadsTheOperationMode)
+{
+    config().set("catra", "operation_mode", "exit_open");
+    const struct {
+        const char* value;
+        const char* written;
+    } table[] = {
+        {"1", "ab"}, {"free", "ab"}, {"2", "i"},     {"blocked", "i"},
+        {"0", "al"}, {"3", "al"},    {"Free", "al"}, {"", "al"},
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE("\""s + row.value + "\"");
+        EXPECT_EQ(change("online", "exception_mode", row.value), Texts{row.written + "\0"s});
+    }
+    config().erase("catra", "operation_mode");
+    EXPECT_EQ(change("online", "exception_mode", "0"), Texts{"i\0"s});
+}
+
+TEST_F(ConfigChange, AntiPassbackSettingsAreReadBackFromTheStore)
+{
+    const struct {
+        const char* module;
+        const char* param;
+        const char* stored;
+        const char* message_value;
+        const char* host_key;
+        const char* host_value;
+    } table[] = {
+        {"catra", "anti_passback", "1", "0", "antipassback_enabled", "1"},
+        {"catra", "anti_passback", "0", "1", "antipassback_enabled", "0"},
+        {"identifier", "anti_passback", "5", "0", "antipassback_enabled", "1"},
+        {"catra", "daily_reset", "0", "1", "antipassback_mode", "none"},
+        {"catra", "daily_reset", "1", "0", "antipassback_mode", "daily_catra"},
+        {"identifier", "daily_reset", "-3", "0", "antipassback_mode", "daily_catra"},
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE(std::string(row.module) + " / " + row.param + " stored " + row.stored);
+        config().set("catra", row.param, row.stored);
+        config().set("host", "antipassback_enabled", "unset");
+        config().set("host", "antipassback_mode", "unset");
+        EXPECT_TRUE(change(row.module, row.param, row.message_value).empty());
+        EXPECT_EQ(host_key(row.host_key), row.host_value);
+        const std::string other = std::string(row.host_key) == "antipassback_mode"
+                                      ? "antipassback_enabled"
+                                      : "antipassback_mode";
+        EXPECT_EQ(host_key(other), "unset");
+        EXPECT_TRUE(portal_actions().empty());
+    }
+}
+
+}  // namespace
+}  // namespace catra_test

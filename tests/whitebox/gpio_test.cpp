@@ -1,0 +1,363 @@
+// GPIO signals and status messages: sensor and solenoid levels, solenoid and
+// open-collector outputs, the dispatch of GPIO notifications, the queries of
+// the flag and the states, and enabling and disabling the turnstile.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "catra_internal.h"
+#include "terminal_test.h"
+
+namespace catra_test {
+namespace {
+
+using namespace std::string_literals;
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
+using Texts = std::vector<std::string>;
+
+// Bus messages and controller writes in the order they happened: messages
+// rendered, writes as "write <bytes>" with NULs shown as \0.
+class Trace {
+public:
+    Trace() : seen_(SyscallFaults::device_writes().size())
+    {
+        id_ = standin::Bus::instance().subscribe([this](const ac::Message& msg, bool sync) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            take_writes();
+            lines_.push_back(render(RecordedMessage{msg.type(), msg.fields(), sync}));
+        });
+    }
+    ~Trace() { standin::Bus::instance().unsubscribe(id_); }
+    Texts lines()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        take_writes();
+        return lines_;
+    }
+
+private:
+    void take_writes()
+    {
+        const Texts writes = SyscallFaults::device_writes();
+        for (; seen_ < writes.size(); ++seen_)
+            lines_.push_back("write " + escape_bytes(writes[seen_]));
+    }
+    std::mutex mutex_;
+    std::size_t seen_;
+    Texts lines_;
+    int id_ = 0;
+};
+
+// The plug-in's code with the controller line as its device, the turnstile
+// disabled, solenoids 10, 11 and the collector 12, photo sensors 20 and 21.
+class Gpio : public TerminalTest {
+protected:
+    void SetUp() override
+    {
+        TerminalTest::SetUp();
+        catra_fd = ::open(pty().slave_path().c_str(), O_RDWR);
+        ASSERT_GE(catra_fd, 0);
+        catra_fd_closed = false;
+        catra_enabled = false;
+        current_state = default_state = CatraState::BLOCKED;
+        photo_sensor_gpios = {kFi1Gpio, kFi2Gpio};
+        photo_sensor_values = {false, false};
+        solenoid_gpios = {kSol1Gpio, kSol2Gpio, kCollectorGpio};
+        solenoid_values = {false, false, false};
+        collector_gpio = kCollectorGpio;
+    }
+    void TearDown() override
+    {
+        ::close(catra_fd);
+        TerminalTest::TearDown();
+    }
+
+    // Runs a handler on a message with these int fields (and a reply object
+    // when asked) and returns what came back as "reply{...}" or "unreplied{}".
+    std::string handle(void (*handler)(ac::Message*), const Fields& fields, bool with_reply,
+                       bool* handled, const char* type = "request")
+    {
+        logs().clear();
+        ac::MessageReply reply;
+        ac::Message msg(type, 0, nullptr);
+        if (with_reply)
+            msg.set_reply(&reply);
+        for (const Field& entry : fields)
+            msg.add_int(entry.field.key, entry.field.int_value);
+        handler(&msg);
+        *handled = msg.handled();
+        return render(reply.replied() ? "reply" : "unreplied", reply.fields());
+    }
+    // Debug lines as "function: text".
+    static Texts debug_lines()
+    {
+        Texts lines;
+        for (const standin::LogLine& line : standin::Logs::instance().lines())
+            if (line.kind == standin::LogLine::Kind::debug)
+                lines.push_back(line.function + ": " + line.text);
+        return lines;
+    }
+};
+
+TEST_F(Gpio, QueriesAnswerInOrderOrLogWhyNot)
+{
+    photo_sensor_values = {false, true};
+    solenoid_values = {false, false, true};
+    catra_enabled = true;
+    current_state = CatraState::RIGHT_LIBERATED;
+    default_state = CatraState::LEFT_LIBERATED;
+    const struct {
+        void (*handler)(ac::Message*);
+        const char* tag;
+    } photo{get_photo_sensor_callback, "get_photo_sensor_callback"},
+        solenoid{get_solenoid_callback, "get_solenoid_callback"},
+        state{catra_state_callback, "catra_state_callback"},
+        enabled{catra_enabled_callback, "catra_enabled_callback"};
+    const std::string no_reply = "Meio de resposta não definido";
+    const struct {
+        decltype(photo) query;
+        bool with_reply;
+        Fields fields;
+        std::string outcome;  // the answer, or else the one debug line
+    } table[] = {
+        // clang-format off
+        {photo, true, {{"id", 1}}, "reply{value=1}"},
+        {photo, false, {{"id", 1}}, no_reply},
+        {photo, true, {}, "Parametro id não encontrado"},
+        {photo, true, {{"id", 2}}, "id inválido: 2"},
+        {photo, true, {{"id", -1}}, "id inválido: -1"},
+        {solenoid, true, {{"id", 2}}, "reply{value=1}"},
+        {solenoid, true, {{"id", 1}}, "reply{value=0}"},
+        {solenoid, true, {{"id", 3}}, "id inválido: 3"},
+        {state, true, {}, "reply{state=2,default_state=1}"},
+        {state, false, {}, no_reply},
+        {enabled, true, {}, "reply{enabled=1}"},
+        {enabled, false, {}, no_reply},
+        // clang-format on
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE("row " + std::to_string(&row - table + 1));
+        Trace trace;
+        bool handled = false;
+        const bool answered = row.outcome.rfind("reply{", 0) == 0;
+        EXPECT_EQ(handle(row.query.handler, row.fields, row.with_reply, &handled),
+                  answered ? row.outcome : "unreplied{}");
+        EXPECT_EQ(handled, answered);
+        EXPECT_EQ(debug_lines(), answered ? Texts{} : Texts{row.query.tag + (": " + row.outcome)});
+        EXPECT_TRUE(trace.lines().empty());
+    }
+}
+
+TEST_F(Gpio, SolenoidCommandSetsTheOthersToZeroFirst)
+{
+    const char* const missing = "set_solenoid_callback: Parametro id ou value não encontrados";
+    const struct {
+        bool enabled;
+        std::vector<bool> levels;
+        Fields fields;
+        Texts trace;
+        Texts lines{};
+    } table[] = {
+        // clang-format off
+        {false, {false, true, false}, {{"id", 0}, {"value", 1}},
+         {"gpio_deactivate{gpio=11}", "gpio_set_value{gpio=11,value=0}",
+          "gpio_deactivate{gpio=10}", "gpio_activate{gpio=10,timeout=2000}"}},
+        {false, {true, false, true}, {{"id", 0}, {"value", 7}},
+         {"gpio_deactivate{gpio=10}", "gpio_set_value{gpio=10,value=0}",
+          "gpio_deactivate{gpio=12}", "gpio_set_value{gpio=12,value=0}",
+          "gpio_deactivate{gpio=10}", "gpio_activate{gpio=10,timeout=2000}"}},
+        {false, {false, false, false}, {{"id", 1}, {"value", 0}},
+         {"gpio_deactivate{gpio=11}", "gpio_set_value{gpio=11,value=0}"}},
+        {false, {false, false, false}, {{"id", 2}, {"value", 1}},
+         {"gpio_deactivate{gpio=12}", "gpio_activate{gpio=12,timeout=2000}"}},
+        {false, {false, true, false}, {{"id", 0}}, {}, {missing}},
+        {false, {false, true, false}, {{"value", 1}}, {}, {missing}},
+        {false, {false, true, false}, {{"id", -1}, {"value", 1}}, {}, {"set_solenoid_callback: id inválido: -1"}},
+        {true, {false, true, false}, {{"id", 0}, {"value", 1}}, {}, {}},
+        // clang-format on
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE("row " + std::to_string(&row - table + 1));
+        catra_enabled = row.enabled;
+        solenoid_values = row.levels;
+        Trace trace;
+        bool handled = false;
+        EXPECT_EQ(handle(set_solenoid_callback, row.fields, false, &handled), "unreplied{}");
+        EXPECT_EQ(trace.lines(), row.trace);
+        EXPECT_EQ(debug_lines(), row.lines);
+        EXPECT_EQ(handled, !row.trace.empty());
+        EXPECT_EQ(solenoid_values, row.levels);  // follows reports only
+    }
+}
+
+TEST_F(Gpio, OpenCollectorPulsesTheConfiguredOutputOnlyWhileEnabled)
+{
+    config().set("", "collector_gpio", 33);
+    config().set("", "collector_timeout", 250);
+    for (bool enabled : {false, true}) {
+        SCOPED_TRACE(enabled ? "enabled" : "disabled");
+        catra_enabled = enabled;
+        Trace trace;
+        bool handled = false;
+        handle(open_collector_callback, {}, false, &handled);
+        const Texts pulse = {"gpio_deactivate{gpio=33}", "gpio_activate{gpio=33,timeout=250}"};
+        EXPECT_EQ(trace.lines(), enabled ? pulse : Texts{});
+        EXPECT_EQ(debug_lines(), enabled ? Texts{"open_collector: open collector"} : Texts{});
+        EXPECT_EQ(handled, enabled);
+    }
+}
+
+TEST_F(Gpio, DispatchPrefersPhotoSensorThenSolenoidThenButtonholeAndStoresLevels)
+{
+    // 20 is photo sensor 0 and buttonhole 1; 21 photo sensor 1 and solenoid 1;
+    // 10 solenoid 0 and buttonhole 2; 42 and 43 are buttonholes 3 and 4.
+    solenoid_gpios = {kSol1Gpio, kFi2Gpio, kCollectorGpio};
+    config().set("host", "buttonholes", "20,10,42,43");
+    const struct {
+        bool enabled;
+        int gpio;
+        int value;
+        Texts trace;  // the exit-request worker's release included
+    } table[] = {
+        {false, 20, 5, {"photo_sensor_changed{id=0,value=1}"}},
+        {true, 20, 0, {"write l5\\0"}},
+        {false, 21, 1, {"photo_sensor_changed{id=1,value=1}"}},
+        {true, 21, 1, {"solenoid_changed{id=1,value=1}"}},
+        {false, 10, 0, {"solenoid_changed{id=0,value=0}"}},
+        {true, 10, 0, {"solenoid_changed{id=0,value=0}"}},
+        {true, 12, 3, {"solenoid_changed{id=2,value=1}"}},
+        {true, 42, 2, {"write b5\\0"}},
+        {true, 42, 1, {}},
+        {true, 43, 0, {}},
+        {false, 99, 0, {}},
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE((row.enabled ? "enabled, gpio "s : "disabled, gpio "s) +
+                     std::to_string(row.gpio) + " value " + std::to_string(row.value));
+        catra_enabled = row.enabled;
+        const int buzzes = standin::Buzzer::instance().count();
+        Trace trace;
+        bool handled = false;
+        handle(gpio_notified_callback, {{"gpio", row.gpio}, {"value", row.value}}, false, &handled);
+        const bool exit_request = !row.trace.empty() && row.trace[0].rfind("write", 0) == 0;
+        // The worker buzzes after its release: wait for that.
+        const auto deadline = std::chrono::steady_clock::now() + kWait;
+        while (exit_request && standin::Buzzer::instance().count() == buzzes &&
+               std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        EXPECT_EQ(standin::Buzzer::instance().count(), buzzes + (exit_request ? 1 : 0));
+        {
+            // No worker is left collecting presses.
+            std::lock_guard<std::mutex> lock(rex_mutex);
+            EXPECT_EQ(rex_pending, 0);
+        }
+        EXPECT_EQ(trace.lines(), row.trace);
+        EXPECT_FALSE(handled);
+    }
+    // Levels are stored as bits; a report is announced even when unchanged.
+    EXPECT_EQ(photo_sensor_values, (std::vector<bool>{true, true}));
+    EXPECT_EQ(solenoid_values, (std::vector<bool>{false, true, true}));
+}
+
+TEST_F(Gpio, NotificationWithoutGpioOrValueIsRaised)
+{
+    Trace trace;
+    bool handled = false;
+    for (const Fields& fields : {Fields{{"gpio", 20}}, Fields{{"value", 0}}, Fields{}}) {
+        EXPECT_THAT(
+            [&] { handle(gpio_notified_callback, fields, false, &handled, "gpio_notified"); },
+            ThrowsMessage<ac::ac_exception>(StrEq("Invalid parameters for message gpio_notified")));
+    }
+    EXPECT_TRUE(trace.lines().empty());
+    EXPECT_EQ(photo_sensor_values, (std::vector<bool>{false, false}));
+}
+
+TEST_F(Gpio, EnablingAndDisablingHandOverTheGpiosAroundTheControllerCommand)
+{
+    // clang-format off
+    const Texts enabling = {
+        "gpio_set_value{gpio=10,value=0}", "gpio_set_value{gpio=11,value=0}",
+        "gpio_set_value{gpio=12,value=0}",
+        "gpio_update{gpio=20,enabled=0} (sync)", "gpio_update{gpio=21,enabled=0} (sync)",
+        "gpio_update{gpio=10,enabled=0} (sync)", "gpio_update{gpio=11,enabled=0} (sync)",
+        "write e\\0"};
+    const Texts disabled = {
+        "write d\\0",
+        "gpio_update{gpio=20,enabled=1} (sync)", "gpio_update{gpio=21,enabled=1} (sync)",
+        "gpio_update{gpio=10,enabled=1} (sync)", "gpio_update{gpio=11,enabled=1} (sync)",
+        "catra_catra_enabled_changed{enabled=0}"};
+    // clang-format on
+    Texts enabled = enabling;
+    enabled.push_back("catra_catra_enabled_changed{enabled=1}");
+    const struct {
+        bool before;
+        int requested;
+        int write_error;  // errno of a failing controller write, 0: none
+        Texts trace;
+        bool after;
+        const char* perror_text;
+    } table[] = {
+        {false, 1, 0, enabled, true, nullptr},
+        {false, 7, 0, enabled, true, nullptr},
+        {true, 0, 0, disabled, false, nullptr},
+        {true, 0, EINVAL, disabled, false, nullptr},
+        {true, 1, 0, {}, true, nullptr},
+        {true, -1, 0, {}, true, nullptr},
+        {false, 0, 0, {}, false, nullptr},
+        // clang-format off
+        {false, 1, EIO, enabling, false, "Nao foi possivel configurar a catraca com o comando: e: Input/output error"},
+        {true, 0, EIO, {"write d\\0"}, true, "Nao foi possivel desabilitar o Catra: Input/output error"},
+        // clang-format on
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE("from " + std::to_string(row.before) + " asked " +
+                     std::to_string(row.requested) + " write errno " +
+                     std::to_string(row.write_error));
+        catra_enabled = row.before;
+        if (row.write_error != 0)
+            SyscallFaults::fail_next(SyscallFaults::Call::write, row.write_error);
+        StderrCapture standard_error;
+        Trace trace;
+        bool handled = false;
+        handle(catra_set_enabled_callback, {{"enabled", row.requested}}, false, &handled);
+
+        EXPECT_EQ(trace.lines(), row.trace);
+        EXPECT_EQ(catra_enabled, row.after);
+        EXPECT_TRUE(handled);
+        EXPECT_EQ(debug_lines(),
+                  row.before == row.after
+                      ? Texts{}
+                      : Texts{"send_message_catra_enabled_changed: Catra enabled : " +
+                              std::to_string(row.after)});
+        if (row.perror_text != nullptr) {
+            EXPECT_TRUE(standard_error.wait_for(row.perror_text, kWait)) << standard_error.text();
+        }
+    }
+    // The collector's GPIO never got a "gpio_update".
+    EXPECT_EQ(standin::GpioService::instance().pin(kCollectorGpio).enabled, -1);
+}
+
+TEST_F(Gpio, EnabledChangeWithoutTheFieldIsRaised)
+{
+    catra_enabled = true;
+    Trace trace;
+    bool handled = false;
+    EXPECT_THAT([&] { handle(catra_set_enabled_callback, {}, false, &handled); },
+                ThrowsMessage<ac::ac_exception>(StrEq("catra enabled not found!")));
+    EXPECT_TRUE(catra_enabled);
+    EXPECT_TRUE(trace.lines().empty());
+}
+
+}  // namespace
+}  // namespace catra_test

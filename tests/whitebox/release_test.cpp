@@ -1,0 +1,333 @@
+// Releasing the turnstile: the choice of command from the current and the
+// default state, the exit-request record, and the "liberate_catra" request.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "catra_internal.h"
+#include "terminal_test.h"
+
+namespace catra_test {
+namespace {
+
+using ::testing::StrEq;
+using ::testing::ThrowsMessage;
+
+// Bus messages and controller writes in the order they happened: messages
+// rendered, writes as "write <bytes>" with NULs shown as \0.
+class Trace {
+public:
+    Trace() : seen_(SyscallFaults::device_writes().size())
+    {
+        id_ = standin::Bus::instance().subscribe([this](const ac::Message& msg, bool sync) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            take_writes();
+            lines_.push_back(render(RecordedMessage{msg.type(), msg.fields(), sync}));
+        });
+    }
+    ~Trace() { standin::Bus::instance().unsubscribe(id_); }
+    std::vector<std::string> lines()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        take_writes();
+        return lines_;
+    }
+
+private:
+    void take_writes()
+    {
+        const std::vector<std::string> writes = SyscallFaults::device_writes();
+        for (; seen_ < writes.size(); ++seen_)
+            lines_.push_back("write " + escape_bytes(writes[seen_]));
+    }
+    std::mutex mutex_;
+    std::size_t seen_;
+    std::vector<std::string> lines_;
+    int id_ = 0;
+};
+
+// The plug-in's code with the controller line as its device, the turnstile
+// enabled and blocked. Actions 2, 3 and 4 lead to portals 2, 1 and 3, so the
+// record's portal tells which action was loaded.
+class Release : public TerminalTest {
+protected:
+    void SetUp() override
+    {
+        TerminalTest::SetUp();
+        catra_fd = ::open(pty().slave_path().c_str(), O_RDWR);
+        ASSERT_GE(catra_fd, 0);
+        catra_fd_closed = false;
+        catra_enabled = true;
+        current_state = default_state = CatraState::BLOCKED;
+        release_uuid.clear();
+        database().add_portal(3, kDeviceId, "portal 3");
+        database().exec(
+            "DELETE FROM action_portals;"
+            "INSERT INTO action_portals(action_id, portal_id) VALUES (2, 2), (3, 1), (4, 3);");
+    }
+    void TearDown() override
+    {
+        ::close(catra_fd);
+        TerminalTest::TearDown();
+    }
+
+    void release(const std::string& direction, int reason)
+    {
+        std::lock_guard<std::mutex> lock(state_mutex);
+        liberate_catra(direction, reason);
+    }
+    // Debug lines written by one function of the plug-in.
+    std::vector<std::string> debug_of(const std::string& function)
+    {
+        std::vector<std::string> texts;
+        for (const standin::LogLine& line : logs().lines())
+            if (line.kind == standin::LogLine::Kind::debug && line.function == function)
+                texts.push_back(line.text);
+        return texts;
+    }
+    // The exit-request records as {portal, reason, user}.
+    standin::Rows rex_records()
+    {
+        return database().query(
+            "SELECT portal_id, reason, user_id FROM access_logs WHERE event = 12 ORDER BY id");
+    }
+    // The events of all access-log records, oldest first.
+    std::vector<std::string> log_events()
+    {
+        std::vector<std::string> events;
+        for (const auto& row : database().query("SELECT event FROM access_logs ORDER BY id"))
+            events.push_back(row[0]);
+        return events;
+    }
+};
+
+using Texts = std::vector<std::string>;
+
+TEST_F(Release, DecisionTableForEveryStatePairAndDirection)
+{
+    const struct {
+        int default_state;
+        int current_state;
+        Texts back_to_default;  // what comes before the release text
+        const char* clockwise;  // release texts; null: nothing happens at all
+        const char* anticlockwise;
+        const char* both;
+    } table[] = {
+        {0, 0, {}, "r5", "l5", "b5"},
+        {0, 1, {"write i\\0"}, "b5", "l5", "b5"},
+        {0, 2, {"write i\\0"}, "r5", "b5", "b5"},
+        {0, 3, {"write i\\0"}, "r5", "l5", "b5"},
+        {1, 0, {"catra_state_changed{state=1}"}, "b5", "b5", "b5"},
+        {1, 1, {}, "b5", "b5", "b5"},
+        {1, 2, {"write al\\0"}, "b5", "b5", "b5"},
+        {1, 3, {"write al\\0"}, "b5", "b5", "b5"},
+        {2, 0, {"catra_state_changed{state=2}"}, "b5", "b5", "b5"},
+        {2, 1, {"write ar\\0"}, "b5", "b5", "b5"},
+        {2, 2, {}, "b5", "b5", "b5"},
+        {2, 3, {"write ar\\0"}, "b5", "b5", "b5"},
+        {3, 0, {}, nullptr, nullptr, nullptr},
+        {3, 1, {}, nullptr, nullptr, nullptr},
+        {3, 2, {}, nullptr, nullptr, nullptr},
+        {3, 3, {}, nullptr, nullptr, nullptr},
+    };
+    for (const auto& row : table) {
+        const std::pair<const char*, const char*> cells[] = {
+            {"clockwise", row.clockwise}, {"anticlockwise", row.anticlockwise}, {"both", row.both}};
+        for (const auto& [direction, text] : cells) {
+            SCOPED_TRACE("default " + std::to_string(row.default_state) + ", current " +
+                         std::to_string(row.current_state) + ", " + direction);
+            database().exec("UPDATE access_logs SET event = 1");
+            default_state = row.default_state;
+            current_state = row.current_state;
+            Trace trace;
+            release(direction, ac::util::AUTHORIZED);
+
+            Texts expected;
+            if (text != nullptr) {
+                expected = row.back_to_default;
+                expected.push_back("write " + std::string(text) + "\\0");
+            }
+            EXPECT_EQ(trace.lines(), expected);
+            // A pending release is closed: the access before the newest is given up.
+            const bool replaced = text != nullptr && row.default_state != row.current_state;
+            EXPECT_EQ(log_events(), (replaced ? Texts{"13", "1"} : Texts{"1", "1"}));
+            EXPECT_TRUE(rex_records().empty());
+        }
+    }
+}
+
+TEST_F(Release, TheRecordOfTheNewReleaseComesBeforeTheGiveUp)
+{
+    current_state = CatraState::RIGHT_LIBERATED;
+    Trace trace;
+    release("anticlockwise", ac::util::REX);
+    EXPECT_EQ(trace.lines(), (Texts{"write i\\0", "write b5\\0"}));
+    // The record just written is the newest, so the one before it is given up.
+    EXPECT_EQ(log_events(), (Texts{"1", "13", "12"}));
+    EXPECT_EQ(rex_records(), (standin::Rows{{"2", "2", "0"}}));
+}
+
+TEST_F(Release, PermanentModesAreWrittenAsTheyAreWithoutRecordOrGiveUp)
+{
+    const struct {
+        int default_state;
+        int current_state;
+        const char* command;
+        const char* written;
+    } table[] = {
+        {3, 3, "idle", "write i\\0"},
+        {3, 0, "always", "write ab\\0"},
+        {0, 2, "alwaysclockwise", "write ar\\0"},
+        {0, 1, "alwaysanticlockwise", "write al\\0"},
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE(row.command);
+        default_state = row.default_state;
+        current_state = row.current_state;
+        Trace trace;
+        release(row.command, ac::util::WEB);
+        EXPECT_EQ(trace.lines(), Texts{row.written});
+        EXPECT_EQ(current_state, row.current_state);
+    }
+    EXPECT_EQ(log_events(), (Texts{"1", "1"}));
+    EXPECT_TRUE(debug_of("log_catra_liberated").empty());
+}
+
+TEST_F(Release, RecordNamesTheReasonAndThePortalOfTheDirection)
+{
+    const struct {
+        const char* direction;
+        int reason;
+        int verbose_logging;
+        Texts lines;
+        standin::Rows records;
+    } table[] = {
+        {"clockwise", 2, 1, {"Allow clockwise! Reason: REX"}, {{"1", "2", "0"}}},
+        {"both", 0, 1, {"Allow both! Reason: UNKNOWN"}, {{"3", "0", "0"}}},
+        {"anticlockwise", 3, 1, {"Allow anticlockwise! Reason: WEB"}, {{"2", "3", "0"}}},
+        {"always", 0, 1, {"Allow always! Reason: UNKNOWN"}, {{"2", "0", "0"}}},
+        {"clockwise", 1, 1, {}, {}},
+        {"clockwise", 2, 0, {}, {}},
+        {"both", 0, 0, {}, {}},
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE(std::string(row.direction) + " reason " + std::to_string(row.reason) +
+                     " verbose " + std::to_string(row.verbose_logging));
+        database().exec("DELETE FROM access_logs");
+        logs().clear();
+        config().set("identifier", "verbose_logging", row.verbose_logging);
+        {
+            std::lock_guard<std::mutex> lock(state_mutex);
+            log_catra_liberated(row.direction, row.reason);
+        }
+        EXPECT_EQ(debug_of("log_catra_liberated"), row.lines);
+        EXPECT_EQ(rex_records(), row.records);
+    }
+}
+
+TEST_F(Release, AReasonWithoutANameStillReleasesAndSaysSo)
+{
+    Trace trace;
+    release("clockwise", 7);
+    EXPECT_EQ(trace.lines(), Texts{"write r5\\0"});
+    EXPECT_EQ(debug_of("log_catra_liberated"), Texts{"Allow clockwise! Reason: unnamed reason 7"});
+    EXPECT_EQ(rex_records(), (standin::Rows{{"1", "7", "0"}}));
+}
+
+TEST_F(Release, AnActionWithoutAPortalOfThisDeviceWritesNoRecord)
+{
+    config().set("host", "device_id", 7);
+    Trace trace;
+    release("clockwise", ac::util::REX);
+    EXPECT_EQ(trace.lines(), Texts{"write r5\\0"});
+    EXPECT_EQ(debug_of("log_catra_liberated"),
+              (Texts{"Allow clockwise! Reason: REX",
+                     "No portal of this device for action 3: exit-request record not written"}));
+    EXPECT_TRUE(rex_records().empty());
+}
+
+// ---------------------------------------------------------------- the request
+
+class ReleaseRequest : public Release {
+protected:
+    // Hands a "liberate_catra" message to its handler as the queue would.
+    void request(const Fields& fields)
+    {
+        ac::Message msg("liberate_catra", 0, nullptr);
+        for (const Field& entry : fields) {
+            if (entry.field.is_int)
+                msg.add_int(entry.field.key, entry.field.int_value);
+            else
+                msg.add_string(entry.field.key, entry.field.text);
+        }
+        liberate_catra_callback(&msg);
+    }
+};
+
+TEST_F(ReleaseRequest, FieldsDecideTheReleaseTheUuidAndTheRecord)
+{
+    const struct {
+        const char* name;
+        bool enabled;
+        bool record_fails;
+        Fields fields;
+        Texts handler_lines;
+        Texts trace;
+        const char* uuid_after;
+        standin::Rows records;
+    } table[] = {
+        // clang-format off
+        {"all fields", true, false, {{"catra_direction", "anticlockwise"}, {"uuid", "u-7"}, {"catra_reason", 3}},
+         {"UUID: u-7"}, {"write l5\\0"}, "u-7", {{"2", "3", "0"}}},
+        {"no uuid, no reason", true, false, {{"catra_direction", "clockwise"}},
+         {"UUID: previous"}, {"write r5\\0"}, "previous", {{"1", "0", "0"}}},
+        {"unknown direction", true, false, {{"catra_direction", "x"}, {"uuid", "u-8"}, {"catra_reason", 2}},
+         {"UUID: u-8", "unknown catra allow: x"}, {}, "u-8", {}},
+        {"record fails", true, true, {{"catra_direction", "clockwise"}, {"uuid", "u-9"}, {"catra_reason", 2}},
+         {"UUID: u-9", "injected fault in create_log_rex"}, {}, "u-9", {}},
+        {"disabled", false, false, {{"catra_direction", "clockwise"}, {"uuid", "u-1"}, {"catra_reason", 2}},
+         {}, {}, "previous", {}},
+        // clang-format on
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE(row.name);
+        catra_enabled = row.enabled;
+        release_uuid = "previous";
+        database().exec("DELETE FROM access_logs");
+        if (row.record_fails)
+            database().fail_next(standin::DalCall::create_log_rex);
+        logs().clear();
+        Trace trace;
+        request(row.fields);
+        EXPECT_EQ(debug_of("liberate_catra_callback"), row.handler_lines);
+        EXPECT_EQ(trace.lines(), row.trace);
+        EXPECT_EQ(release_uuid, row.uuid_after);
+        EXPECT_EQ(rex_records(), row.records);
+        EXPECT_EQ(logs().lines().empty(), !row.enabled);
+    }
+}
+
+TEST_F(ReleaseRequest, AMissingDirectionIsRaisedAndChangesNothing)
+{
+    release_uuid = "previous";
+    Trace trace;
+    EXPECT_THAT(
+        [&] {
+            request({{"uuid", "u-1"}, {"catra_reason", 2}});
+        },
+        ThrowsMessage<ac::ac_exception>(StrEq("catra allow not found!")));
+    EXPECT_TRUE(trace.lines().empty());
+    EXPECT_EQ(release_uuid, "previous");
+    // The lock is given back on the way out.
+    EXPECT_TRUE(state_mutex.try_lock());
+    state_mutex.unlock();
+}
+
+}  // namespace
+}  // namespace catra_test
