@@ -114,7 +114,8 @@ std::string Statement::text(int column) const
     const unsigned char* text = sqlite3_column_text(stmt_, column);
     if (!text)
         return "";
-    return std::string(reinterpret_cast<const char*>(text),
+    // SQLite hands out its text as unsigned bytes.
+    return std::string(reinterpret_cast<const char*>(text),  // NOLINT(*-reinterpret-cast)
                        static_cast<size_t>(sqlite3_column_bytes(stmt_, column)));
 }
 
@@ -213,6 +214,7 @@ Rows Database::query(const std::string& sql)
     Rows rows;
     while (statement.step()) {
         std::vector<std::string> row;
+        row.reserve(static_cast<size_t>(statement.columns()));
         for (int column = 0; column < statement.columns(); ++column) {
             row.push_back(statement.text(column));
         }

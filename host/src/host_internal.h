@@ -28,8 +28,8 @@ struct ac::Message::Completion {
     bool received();
 
     // Set before the message is queued for delivery, never changed afterwards.
-    bool sync = false;
-    std::thread::id sender;
+    bool sync = false;       // NOLINT(*-non-private-member-variables-in-classes)
+    std::thread::id sender;  // NOLINT(*-non-private-member-variables-in-classes)
 
 private:
     std::mutex mutex_;

@@ -40,7 +40,7 @@ Logs& Logs::instance()
 
 // Lines are added one at a time, so the kept lines, the echo and every
 // observer see them in the same order.
-void Logs::add(LogLine line)
+void Logs::add(const LogLine& line)
 {
     std::lock_guard<std::recursive_mutex> calls(observers_call_mutex());
     std::map<int, Observer> observers;
@@ -48,6 +48,8 @@ void Logs::add(LogLine line)
     {
         std::lock_guard<std::mutex> lock(mutex_);
         lines_.push_back(line);
+        if (lines_.size() > kMaxLines)
+            lines_.pop_front();
         observers = observers_;
         echo_line = echo_;
     }
@@ -60,7 +62,7 @@ void Logs::add(LogLine line)
 std::vector<LogLine> Logs::lines() const
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    return lines_;
+    return std::vector<LogLine>(lines_.begin(), lines_.end());
 }
 
 void Logs::clear()
@@ -95,7 +97,7 @@ void log_host(const std::string& text)
     LogLine line;
     line.kind = LogLine::Kind::host;
     line.text = text;
-    Logs::instance().add(std::move(line));
+    Logs::instance().add(line);
 }
 
 // ---------------------------------------------------------------- watchdog
@@ -131,7 +133,7 @@ void debug(const std::string& text, const char* file, const char* function, int 
     entry.file = file ? file : "";
     entry.function = function ? function : "";
     entry.line = line;
-    standin::Logs::instance().add(std::move(entry));
+    standin::Logs::instance().add(entry);
 }
 }  // namespace zorlog
 
@@ -141,7 +143,7 @@ void log(const std::string& text)
     standin::LogLine entry;
     entry.kind = standin::LogLine::Kind::error;
     entry.text = text;
-    standin::Logs::instance().add(std::move(entry));
+    standin::Logs::instance().add(entry);
 }
 }  // namespace error
 

@@ -93,6 +93,8 @@ void MessageEnqueuer::process(int period, void (*keep_alive)())
     }
     State& state = *state_;
     struct ServingGuard {
+        ServingGuard(const ServingGuard&) = delete;
+        ServingGuard& operator=(const ServingGuard&) = delete;
         State& state;
         ~ServingGuard()
         {

@@ -19,7 +19,8 @@
 #include <sanitizer/lsan_interface.h>
 #endif
 
-extern "C" void __gcov_dump(void) __attribute__((weak));
+// The coverage runtime's own entry (present only in coverage builds).
+extern "C" void __gcov_dump(void) __attribute__((weak));  // NOLINT(bugprone-reserved-identifier)
 
 namespace standin {
 
@@ -81,12 +82,15 @@ bool PluginHost::init(std::string* error)
     if (!handle_)
         handle_ = dlopen(path_.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (!handle_) {
-        const char* text = dlerror();
+        const char* text =
+            dlerror();  // NOLINT(concurrency-mt-unsafe): read at once, on this thread
         *error = text ? std::string(text) : "cannot load " + path_;
         log_host("load failed: " + *error);
         return false;
     }
-    auto init_function = reinterpret_cast<InitFunction>(dlsym(handle_, "init"));
+    // dlsym hands out every symbol as an object pointer.
+    auto init_function =
+        reinterpret_cast<InitFunction>(dlsym(handle_, "init"));  // NOLINT(*-reinterpret-cast)
     if (!init_function) {
         *error = "no init in " + path_;
         log_host(*error);

@@ -243,6 +243,29 @@ void new_catra_event(int event)
     }
 }
 
+bool read_catra_event()
+{
+    std::lock_guard<std::mutex> lock(state_mutex);
+    unsigned char buffer[2] = {0, 0};
+    const ssize_t count = read(catra_fd, buffer, sizeof buffer);
+    if (count == -1) {
+        perror("Nao foi possivel ler o GPIO");
+        close_controller();
+        return false;
+    }
+    // A read that delivers no byte means the other side has hung up: select
+    // keeps reporting such a descriptor readable, so going on would spin. It
+    // ends the loop like a failed read; no event is decoded from a byte that
+    // was not delivered.
+    if (count == 0) {
+        fputs("Nao foi possivel ler o GPIO: fim de arquivo\n", stderr);
+        close_controller();
+        return false;
+    }
+    new_catra_event(static_cast<int>(buffer[0]) - 0x61);
+    return true;
+}
+
 void do_catra_run()
 {
     // Nothing may leave this thread: an exception here would end the
@@ -288,25 +311,9 @@ void do_catra_run()
                 continue;
             }
 
-            std::lock_guard<std::mutex> lock(state_mutex);
-            unsigned char buffer[2] = {0, 0};
-            const ssize_t count = read(catra_fd, buffer, sizeof buffer);
-            if (count == -1) {
-                perror("Nao foi possivel ler o GPIO");
-                close_controller();
+            if (!read_catra_event()) {
                 return;
             }
-            // A read that delivers no byte means the other side has hung up:
-            // select keeps reporting such a descriptor readable, so going on
-            // would spin. It ends the loop like a failed read; no event is
-            // decoded from a byte that was not delivered.
-            if (count == 0) {
-                fputs("Nao foi possivel ler o GPIO: fim de arquivo\n", stderr);
-                close_controller();
-                return;
-            }
-
-            new_catra_event(static_cast<int>(buffer[0]) - 0x61);
         } catch (const std::exception& e) {
             ac::error::log(e.what());
         } catch (...) {

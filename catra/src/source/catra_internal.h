@@ -97,6 +97,10 @@ void activate_relay(int gpio);
 
 // ---------------------------------------------------------------- event processing
 void do_catra_run();
+// Reads one event from the controller (the descriptor was reported readable)
+// and handles it with state_mutex held. False when the device failed or hung
+// up and has been closed; exceptions of the handling pass through.
+bool read_catra_event();
 void new_catra_event(int event);
 void send_message_catra_event(const int& event);
 void set_default_state(const int& state);

@@ -18,7 +18,8 @@ struct MessageField {
     std::string text;
 };
 
-class Message {
+// Messages are copied (a queued copy of a received message) but never moved.
+class Message {  // NOLINT(cppcoreguidelines-special-member-functions)
 public:
     Message(std::string type, int priority, void (*reply_callback)(MessageReply*));
     Message(const Message& other);
@@ -67,6 +68,8 @@ class MessageReply : public Message {
 public:
     MessageReply();
     ~MessageReply() override;
+    MessageReply(const MessageReply&) = delete;
+    MessageReply& operator=(const MessageReply&) = delete;
 
     bool replied() const;
     void set_replied();

@@ -10,6 +10,15 @@ namespace ac_dal {
 class ac_dao {
 public:
     virtual ~ac_dao();
+
+protected:
+    ac_dao() = default;
+    ac_dao(const ac_dao&) = default;
+    ac_dao& operator=(const ac_dao&) = default;
+    ac_dao(ac_dao&&) = default;
+    ac_dao& operator=(ac_dao&&) = default;
+
+public:
     // Inserts the record; raises ac::ac_exception on failure.
     virtual void create() = 0;
     // Writes the changed record back; raises ac::ac_exception on failure.

@@ -5,7 +5,9 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <ctime>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -49,6 +51,12 @@ public:
     void stop_queues();
     // Stops the delivery thread after it has delivered what was sent.
     void shutdown();
+
+    // How many ac::Message objects (replies included) are alive in the
+    // process: constructed and not yet destroyed. Messages still waiting in
+    // the delivery thread or in a plug-in queue count as alive; once the bus
+    // is idle, a value above the one before the traffic is a leak.
+    static long live_messages();
 
     struct Impl;
     Impl& impl();
@@ -104,18 +112,22 @@ private:
 // ---------------------------------------------------------------- logs
 struct LogLine {
     enum class Kind { debug, error, host };
-    Kind kind;
+    Kind kind = Kind::debug;
     std::string text;
     std::string file;
     std::string function;
     int line = 0;
 };
 
+// Keeps the most recent kMaxLines lines (older ones are dropped, so that a
+// long run does not grow without bound); observers see every line.
 class Logs {
 public:
+    static constexpr std::size_t kMaxLines = 10000;
     using Observer = std::function<void(const LogLine&)>;
     static Logs& instance();
-    void add(LogLine line);
+    void add(const LogLine& line);
+    // The kept lines, oldest first.
     std::vector<LogLine> lines() const;
     void clear();
     int subscribe(Observer observer);
@@ -126,7 +138,7 @@ public:
 private:
     Logs() = default;
     mutable std::mutex mutex_;
-    std::vector<LogLine> lines_;
+    std::deque<LogLine> lines_;
     std::map<int, Observer> observers_;
     int next_id_ = 1;
     bool echo_ = true;
@@ -274,6 +286,8 @@ public:
     ~PluginHost();
     PluginHost(const PluginHost&) = delete;
     PluginHost& operator=(const PluginHost&) = delete;
+    PluginHost(PluginHost&&) = delete;
+    PluginHost& operator=(PluginHost&&) = delete;
 
     // dlopen and call init; false (with *error set) when init fails, throws
     // or the library cannot be loaded.

@@ -1,0 +1,300 @@
+// The running plug-in's event thread: the controller's letters through the
+// time filter and the turnstile state machine, and the end of the thread when
+// the controller is lost.
+#include <cerrno>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "ac_dal/ac_dal.h"
+#include "terminal_test.h"
+
+namespace catra_test {
+namespace {
+
+using namespace std::string_literals;
+using Call = SyscallFaults::Call;
+using Texts = std::vector<std::string>;
+using Kind = standin::LogLine::Kind;
+
+// The plug-in set up and running: the controller has received the set-up and
+// the default mode "i" that the run function writes at start.
+class EventLoop : public TerminalTest {
+protected:
+    void SetUp() override
+    {
+        TerminalTest::SetUp();
+        std::string error;
+        ASSERT_TRUE(load_plugin(&error)) << error;
+        ASSERT_TRUE(expect_commands(setup_commands()));
+        ASSERT_TRUE(start_plugin());
+        ASSERT_TRUE(expect_commands({"i"}));
+        writes_seen_ = SyscallFaults::device_writes().size();
+    }
+
+    std::size_t published() { return recorder().of_type("catra_event").size(); }
+    int last_event()
+    {
+        return recorder().of_type("catra_event").back().int_field("event").value_or(-999);
+    }
+    // Reports one letter; `publishes` says whether a "catra_event" is due for it.
+    void report(char letter, bool publishes = true)
+    {
+        pty().write_event(letter);
+        due_ += publishes ? 1 : 0;
+    }
+    // Reports one letter and waits until its "catra_event" is out.
+    void handled(char letter)
+    {
+        report(letter);
+        EXPECT_TRUE(recorder().wait_for("catra_event", due_)) << "letter " << letter;
+    }
+    // Reports a ready event, which is never filtered and changes nothing, and
+    // waits for it: every letter reported before it has then been handled to
+    // the end, and exactly the due events were published.
+    void settle()
+    {
+        handled('l');
+        EXPECT_EQ(published(), due_) << recorder().dump();
+        EXPECT_EQ(last_event(), 11) << recorder().dump();
+    }
+
+    // The controller writes since the last call, NULs included.
+    Texts new_writes()
+    {
+        const Texts all = SyscallFaults::device_writes();
+        Texts fresh(all.begin() + static_cast<long>(writes_seen_), all.end());
+        writes_seen_ = all.size();
+        return fresh;
+    }
+
+    std::size_t writes_seen_ = 0;
+    std::size_t due_ = 0;  // "catra_event" messages due since the start
+};
+
+TEST_F(EventLoop, BlockedAndGiveUpAreDroppedInsideTheirWindows)
+{
+    const struct {
+        long advance_ms;
+        char letter;
+        bool published;
+    } steps[] = {
+        {99, 'k', false},   // 99 ms after the set-up: dropped
+        {1, 'k', true},     // 100 ms
+        {60, 'k', false},   // 60 ms
+        {60, 'k', true},    // 120 ms: the dropped one did not move the reference
+        {50, 'm', true},    // readiness is never filtered ...
+        {50, 'k', true},    // ... and does not move the reference: 100 ms
+        {1, 'l', true},     // the same for l
+        {49, 'a', true},    // any other event passes at once and restarts the window
+        {99, 'k', false},   // 99 ms after a
+        {1, 'k', true},     // 100 ms after a
+        {499, 'j', false},  // 499 ms
+        {1, 'j', true},     // 500 ms
+        {0, 'j', false},    // at once after the accepted give-up
+    };
+    for (const auto& step : steps) {
+        SCOPED_TRACE("letter "s + step.letter + " after " + std::to_string(step.advance_ms) +
+                     " ms");
+        clock().advance_ms(step.advance_ms);
+        if (step.published) {
+            handled(step.letter);
+            EXPECT_EQ(last_event(), step.letter - 'a');
+        } else {
+            report(step.letter, false);
+            settle();
+        }
+    }
+    EXPECT_TRUE(new_writes().empty());
+}
+
+TEST_F(EventLoop, ModeAndReleaseEventsAnnounceEachStateChangeAfterTheEvent)
+{
+    // Each message in short, by its first field: "event N" for "catra_event",
+    // "default_state N" and "state N" for the two announcements.
+    const struct {
+        char letter;
+        const char* sent;
+    } steps[] = {{'c', "event 2, default_state 2, state 2"},
+                 {'c', "event 2"},
+                 {'e', "event 4, state 1"},
+                 {'d', "event 3, default_state 3, state 3"},
+                 {'f', "event 5, state 2"},
+                 {'g', "event 6, state 3"},
+                 {'b', "event 1, default_state 1, state 1"},
+                 {'a', "event 0, default_state 0, state 0"},
+                 {'k', "event 10"}};
+    for (const auto& step : steps) {
+        SCOPED_TRACE("letter "s + step.letter);
+        clock().advance_ms(100);
+        const std::size_t earlier = recorder().messages().size();
+        report(step.letter);
+        settle();
+        const std::vector<RecordedMessage> all = recorder().messages();
+        std::string sent;
+        for (auto message = all.begin() + static_cast<long>(earlier); message != all.end();
+             ++message) {
+            const ac::MessageField& first = message->fields.at(0);
+            sent += (sent.empty() ? "" : ", ") + first.key + " " + std::to_string(first.int_value);
+        }
+        EXPECT_EQ(sent, step.sent + ", event 11"s);
+    }
+
+    std::size_t named = 0;
+    for (const standin::ThreadName& thread : standin::Threads::instance().names())
+        named += thread.name == "catra_run";
+    EXPECT_EQ(named, 1u);
+    EXPECT_TRUE(new_writes().empty()) << "events alone write no command";
+}
+
+TEST_F(EventLoop, TurnsAndGiveUpsCountLogAndReturnToTheDefaultMode)
+{
+    const char* const left_refused = "ERROR: Cannot turn left  while blocked!!";
+    const char* const right_refused = "ERROR: Cannot turn right while blocked!!";
+    const struct {
+        const char* label;
+        const char* gateway;  // nullptr: not configured
+        const char* before;   // letters that bring the turnstile into its state
+        char letter;          // the turn or give-up
+        long long left, right, entrance, exit;
+        const char* error;
+        int portal, event;  // of the newest access-log record afterwards
+        Texts written;
+    } table[] = {
+        {"left, blocked", nullptr, "a", 'h', 0, 0, 0, 0, left_refused, 0, 1, {}},
+        {"right, blocked", nullptr, "a", 'i', 0, 0, 0, 0, right_refused, 0, 1, {}},
+        {"right, left free", nullptr, "ae", 'i', 0, 0, 0, 0, right_refused, 0, 1, {"i\0"s}},
+        {"left, right free", nullptr, "af", 'h', 0, 0, 0, 0, left_refused, 0, 1, {"i\0"s}},
+        {"left, no gateway", nullptr, "ae", 'h', 1, 0, 1, 0, nullptr, 0, 1, {"i\0"s}},
+        {"left, clockwise", "clockwise", "ae", 'h', 1, 0, 0, 1, nullptr, 0, 1, {"i\0"s}},
+        {"right, clockwise", "clockwise", "af", 'i', 0, 1, 1, 0, nullptr, 0, 1, {"i\0"s}},
+        {"right, Clockwise", "Clockwise", "af", 'i', 0, 1, 0, 1, nullptr, 0, 1, {"i\0"s}},
+        {"right, no gateway", nullptr, "af", 'i', 0, 1, 0, 1, nullptr, 0, 1, {"i\0"s}},
+        {"two-way, left", nullptr, "ag", 'h', 1, 0, 1, 0, nullptr, 1, 1, {"i\0"s}},
+        {"two-way, left, clockwise", "clockwise", "ag", 'h', 1, 0, 0, 1, nullptr, 2, 1, {"i\0"s}},
+        {"two-way, right, clockwise", "clockwise", "ag", 'i', 0, 1, 1, 0, nullptr, 1, 1, {"i\0"s}},
+        {"two-way from always right", nullptr, "acg", 'i', 0, 1, 0, 1, nullptr, 2, 1, {"ar\0"s}},
+        {"always both", "clockwise", "ad", 'i', 0, 1, 1, 0, nullptr, 0, 1, {}},
+        {"always left", nullptr, "ab", 'h', 1, 0, 1, 0, nullptr, 0, 1, {}},
+        {"left, always right", nullptr, "ac", 'h', 0, 0, 0, 0, left_refused, 0, 1, {}},
+        {"give-up, left free", nullptr, "ae", 'j', 0, 0, 0, 0, nullptr, 0, 13, {"i\0"s}},
+        {"give-up, always left", nullptr, "abg", 'j', 0, 0, 0, 0, nullptr, 0, 13, {"al\0"s}},
+        {"give-up, nothing pending", nullptr, "a", 'j', 0, 0, 0, 0, nullptr, 0, 1, {}},
+        {"give-up, always both", nullptr, "adf", 'j', 0, 0, 0, 0, nullptr, 0, 1, {"ab\0"s}},
+    };
+    const char* const counters[] = {"left_turns", "right_turns", "entrance_turns", "exit_turns"};
+    for (const auto& row : table) {
+        SCOPED_TRACE(row.label);
+        if (row.gateway == nullptr)
+            config().erase("catra", "gateway");
+        else
+            config().set("catra", "gateway", row.gateway);
+        const long long newest =
+            database().add_access_log(200, 0, 0, ac_dal::access_log_event::GRANTED);
+        for (const char* letter = row.before; *letter != '\0'; ++letter)
+            report(*letter);
+        settle();
+        long long counted[4];
+        for (int i = 0; i < 4; ++i)
+            counted[i] = database().counter(counters[i]);
+        const std::size_t errors = log_texts(Kind::error).size();
+
+        clock().advance_ms(500);
+        handled(row.letter);
+        EXPECT_EQ(last_event(), row.letter - 'a');
+        EXPECT_NE(recorder().of_type("catra_event").back().int_field("access_event_id"), 0);
+        settle();
+
+        const long long moved[] = {row.left, row.right, row.entrance, row.exit};
+        for (int i = 0; i < 4; ++i)
+            EXPECT_EQ(database().counter(counters[i]) - counted[i], moved[i]) << counters[i];
+        const Texts error_lines = log_texts(Kind::error);
+        EXPECT_EQ(Texts(error_lines.begin() + static_cast<long>(errors), error_lines.end()),
+                  row.error ? Texts{row.error} : Texts{});
+        EXPECT_EQ(database().query("SELECT portal_id, event FROM access_logs WHERE id = " +
+                                   std::to_string(newest)),
+                  (standin::Rows{{std::to_string(row.portal), std::to_string(row.event)}}));
+        EXPECT_EQ(new_writes(), row.written) << escape_list(row.written);
+    }
+}
+
+TEST_F(EventLoop, AnUnknownByteIsPublishedThenLoggedAndTheLoopGoesOn)
+{
+    pty().write_event('z');
+    pty().write_event('A');
+    pty().write_event('f');
+    ASSERT_TRUE(recorder().wait_for("catra_state_changed", 1));
+
+    const std::vector<RecordedMessage> events = recorder().of_type("catra_event");
+    ASSERT_EQ(events.size(), 3u) << recorder().dump();
+    const int codes[] = {25, -32, 5};
+    const char* const names[] = {"UNKNOWN EVENT", "UNKNOWN EVENT", "FREE RIGHT"};
+    for (std::size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(events[i].int_field("event"), codes[i]);
+        EXPECT_EQ(events[i].text_field("event_name"), names[i]);
+        EXPECT_EQ(events[i].int_field("access_event_id"), 0);
+    }
+    EXPECT_EQ(log_texts(Kind::error),
+              (Texts{"Unknown catra event: 25", "Unknown catra event: -32"}));
+    EXPECT_EQ(render(recorder().of_type("catra_state_changed").at(0)),
+              "catra_state_changed{state=2}");
+}
+
+enum class Loss { hang_up, read_fails, wait_fails };
+
+struct ControllerLoss {
+    const char* name;
+    Loss loss;
+    const char* report;  // the start of the event thread's last line on standard error
+};
+
+void PrintTo(const ControllerLoss& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
+class ControllerLost : public EventLoop, public ::testing::WithParamInterface<ControllerLoss> {};
+
+TEST_P(ControllerLost, EndsTheThreadAndLaterCommandsNeverReachTheNumber)
+{
+    const ControllerLoss& row = GetParam();
+    StderrCapture capture;
+    settle();
+    switch (row.loss) {
+        case Loss::hang_up: pty().hang_up(); break;
+        case Loss::read_fails:
+            SyscallFaults::fail_next(Call::read, EIO);
+            pty().write_event('a');
+            break;
+        case Loss::wait_fails:
+            SyscallFaults::fail_next(Call::select, EINTR);
+            pty().write_event('a');
+            break;
+    }
+    ASSERT_TRUE(SyscallFaults::wait_device_closed(kWait));
+    EXPECT_TRUE(capture.wait_for(row.report, kWait)) << capture.text();
+    if (row.loss == Loss::read_fails) {
+        EXPECT_EQ(published(), 1u) << "an event was decoded from a failed read";
+    }
+
+    send("config_param_set",
+         {{"module", "catra"}, {"param", "operation_mode"}, {"value", "both_open"}});
+    ASSERT_TRUE(wait_idle());
+    EXPECT_TRUE(
+        capture.wait_for("Nao foi possivel liberar a CATRACA: Bad file descriptor\n", kWait))
+        << capture.text();
+    EXPECT_EQ(SyscallFaults::writes_after_close(), 0);
+    EXPECT_TRUE(new_writes().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    EachWay, ControllerLost,
+    ::testing::Values(ControllerLoss{"HangUp", Loss::hang_up, "Nao foi possivel ler o GPIO: "},
+                      ControllerLoss{"ReadFails", Loss::read_fails,
+                                     "Nao foi possivel ler o GPIO: Input/output error\n"},
+                      ControllerLoss{"WaitFails", Loss::wait_fails,
+                                     "Erro ao esperar notificacoes: Interrupted system call\n"}),
+    [](const ::testing::TestParamInfo<ControllerLoss>& info) { return info.param.name; });
+
+}  // namespace
+}  // namespace catra_test

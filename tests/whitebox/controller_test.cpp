@@ -1,0 +1,310 @@
+// The controller commands: their exact bytes, the relay pulses of the timed
+// releases, the disable write, the return to the default mode, and the
+// refusal of writes once the device is closed.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <climits>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "catra_internal.h"
+#include "terminal_test.h"
+
+namespace catra_test {
+namespace {
+
+using namespace std::string_literals;
+using Call = SyscallFaults::Call;
+using Texts = std::vector<std::string>;
+
+std::string thrown_text(const std::function<void()>& call)
+{
+    try {
+        call();
+    } catch (const ac::ac_exception& e) {
+        return e.what();
+    }
+    return "<nothing thrown>";
+}
+
+// catra_fd open on the controller line; the commands run with state_mutex
+// held, as their callers hold it.
+class Controller : public TerminalTest {
+protected:
+    void SetUp() override
+    {
+        TerminalTest::SetUp();
+        catra_fd = ::open(pty().slave_path().c_str(), O_RDWR);
+        ASSERT_GE(catra_fd, 0);
+    }
+    void TearDown() override
+    {
+        if (!catra_fd_closed)
+            ::close(catra_fd);
+        TerminalTest::TearDown();
+    }
+
+    // The write calls on the controller since the last call, NULs included.
+    Texts new_writes()
+    {
+        const Texts all = SyscallFaults::device_writes();
+        Texts fresh(all.begin() + static_cast<long>(seen_), all.end());
+        seen_ = all.size();
+        return fresh;
+    }
+    // The messages sent since the last call, rendered.
+    Texts new_messages()
+    {
+        Texts rendered;
+        for (const RecordedMessage& message : recorder().messages())
+            rendered.push_back(render(message));
+        recorder().clear();
+        return rendered;
+    }
+
+    std::lock_guard<std::mutex> lock_{state_mutex};
+    std::size_t seen_ = 0;
+};
+
+TEST_F(Controller, EachCommandIsOneWriteOfItsTextAndNul)
+{
+    const struct {
+        const char* name;
+        int release_time;
+        std::string bytes;
+    } table[] = {{"idle", 5, "\x69\x00"s},
+                 {"always", 5, "\x61\x62\x00"s},
+                 {"alwaysclockwise", 5, "ar\0"s},
+                 {"alwaysanticlockwise", 5, "al\0"s},
+                 {"clockwise", 5, "r5\0"s},
+                 {"anticlockwise", 5, "l5\0"s},
+                 {"both", 5, "b5\0"s},
+                 {"clockwise", 0, "r0\0"s},
+                 {"anticlockwise", 0, "l0\0"s},
+                 {"both", 0, "b0\0"s},
+                 {"clockwise", -1, "r-1\0"s},
+                 {"anticlockwise", -1, "l-1\0"s},
+                 {"both", -1, "b-1\0"s},
+                 {"both", INT_MIN, "b-2147483648\0"s}};
+    for (const auto& row : table) {
+        SCOPED_TRACE(row.name + " with catra_timeout "s + std::to_string(row.release_time));
+        config().set("", "catra_timeout", row.release_time);
+        logs().clear();
+        do_execute_command(row.name);
+        EXPECT_EQ(new_writes(), Texts{row.bytes});
+        EXPECT_EQ(pty().read_bytes(row.bytes.size(), kWait), row.bytes);
+        const std::string text = row.bytes.substr(0, row.bytes.size() - 1);
+        EXPECT_EQ(log_texts(standin::LogLine::Kind::debug),
+                  Texts{"CATRA command: " + text + " no fd: " + std::to_string(catra_fd)});
+    }
+    EXPECT_TRUE(new_messages().empty());
+}
+
+TEST_F(Controller, TimedReleasesPulseTheRelaysOfTheirDirection)
+{
+    const std::string d30 = "gpio_deactivate{gpio=30}", a30 = "gpio_activate{timeout=500,gpio=30}";
+    const std::string d31 = "gpio_deactivate{gpio=31}", a31 = "gpio_activate{timeout=500,gpio=31}";
+    const std::string slow = "gpio_activate{timeout=250,gpio=30}";
+    const struct {
+        int relay_1_enabled;
+        const char* relay_1_direction;  // nullptr: not configured
+        int relay_2_enabled;
+        const char* relay_2_direction;
+        bool ktr;  // device model varnek_KTR: relay 2 does not exist
+        int relay_timeout;
+        const char* command;
+        Texts pulses;
+    } table[] = {{1, "right", 0, "left", false, 500, "clockwise", {d30, a30}},
+                 {1, "right", 0, "left", false, 500, "anticlockwise", {}},
+                 {1, "right", 0, "left", false, 500, "both", {d30, a30}},
+                 {1, "right", 1, "left", false, 500, "anticlockwise", {d31, a31}},
+                 {1, "right", 1, "right", false, 500, "clockwise", {d30, a30, d31, a31}},
+                 {1, "right", 1, "right", true, 500, "clockwise", {d30, a30}},
+                 {1, "left", 1, "left", true, 500, "both", {d30, a30}},
+                 {0, "left", 1, "left", true, 500, "anticlockwise", {}},
+                 {7, "left", 0, "left", false, 500, "anticlockwise", {d30, a30}},
+                 {1, "Right", 0, "left", false, 500, "clockwise", {}},
+                 {1, "Right", 0, "left", false, 500, "both", {d30, a30}},
+                 {1, nullptr, 1, nullptr, false, 500, "clockwise", {}},
+                 {1, nullptr, 1, nullptr, false, 500, "anticlockwise", {}},
+                 {1, nullptr, 1, nullptr, false, 500, "both", {d30, a30, d31, a31}},
+                 {1, "right", 1, "right", false, 0, "clockwise", {}},
+                 {1, "left", 0, "left", false, 250, "anticlockwise", {d30, slow}},
+                 {1, "right", 1, "right", false, 500, "always", {}},
+                 {1, "left", 1, "left", false, 500, "alwaysanticlockwise", {}}};
+    const std::map<std::string, std::string> texts = {{"clockwise", "r5\0"s},
+                                                      {"anticlockwise", "l5\0"s},
+                                                      {"both", "b5\0"s},
+                                                      {"always", "ab\0"s},
+                                                      {"alwaysanticlockwise", "al\0"s}};
+    int index = 0;
+    for (const auto& row : table) {
+        SCOPED_TRACE("row " + std::to_string(index++) + ": " + row.command);
+        set_default_configuration();
+        config().set("gpio", "catra_relay_1_enabled", row.relay_1_enabled);
+        config().set("gpio", "catra_relay_2_enabled", row.relay_2_enabled);
+        for (const auto& [key, direction] :
+             {std::pair{"catra_relay_1_enable_direction", row.relay_1_direction},
+              std::pair{"catra_relay_2_enable_direction", row.relay_2_direction}}) {
+            if (direction == nullptr)
+                config().erase("gpio", key);
+            else
+                config().set("gpio", key, direction);
+        }
+        if (row.ktr) {
+            config().set("host", "device_model", "varnek_KTR");
+            config().erase("gpio", "catra_relay_2_gpio");  // never asked for
+        }
+        config().set("catra", "relay_timeout", row.relay_timeout);
+
+        do_execute_command(row.command);
+        EXPECT_EQ(new_messages(), row.pulses);
+        EXPECT_EQ(new_writes(), Texts{texts.at(row.command)});
+    }
+}
+
+TEST_F(Controller, AFailedRelayReadStopsTheReleaseBeforeTheControllerIsWritten)
+{
+    config().set("gpio", "catra_relay_1_enabled", 1);
+    config().set("gpio", "catra_relay_2_enabled", 1);
+    config().set("gpio", "catra_relay_2_enable_direction", "right");
+    config().erase("gpio", "catra_relay_2_gpio");
+
+    EXPECT_EQ(thrown_text([] { do_execute_command("clockwise"); }),
+              "Parameter gpio.catra_relay_2_gpio not found");
+    EXPECT_EQ(new_messages(),
+              (Texts{"gpio_deactivate{gpio=30}", "gpio_activate{timeout=500,gpio=30}"}));
+    EXPECT_TRUE(new_writes().empty());
+    EXPECT_TRUE(log_texts(standin::LogLine::Kind::debug).empty());
+}
+
+TEST_F(Controller, NamesOutsideTheTableAreRefusedBeforeAnythingHappens)
+{
+    config().set("gpio", "catra_relay_1_enabled", 1);
+    config().set("gpio", "catra_relay_2_enabled", 1);
+    for (const char* name : {"Clockwise", " idle", "idle ", "", "IDLE", "r5", "alwaysClockwise"}) {
+        EXPECT_EQ(thrown_text([name] { do_execute_command(name); }),
+                  std::string("unknown catra allow: ") + name);
+    }
+    EXPECT_TRUE(new_writes().empty());
+    EXPECT_TRUE(new_messages().empty());
+    EXPECT_TRUE(logs().lines().empty());
+}
+
+TEST_F(Controller, AFailedCommandWriteIsReportedAfterItsDebugLineAndNotRaised)
+{
+    SyscallFaults::fail_next(Call::write, EIO);
+    {
+        StderrCapture capture;
+        EXPECT_NO_THROW(do_execute_command("clockwise"));
+        EXPECT_EQ(capture.text(), "[debug] do_execute_command: CATRA command: r5 no fd: " +
+                                      std::to_string(catra_fd) +
+                                      "\nNao foi possivel liberar a CATRACA: Input/output error\n");
+    }
+    // The failed write did not reach the controller.
+    do_execute_command("idle");
+    EXPECT_TRUE(expect_commands({"i"}));
+}
+
+TEST_F(Controller, DisableCountsEinvalAsDone)
+{
+    const struct {
+        int error;  // 0: the write succeeds
+        bool done;
+        const char* error_text;
+        const char* reported;
+    } table[] = {
+        {0, true, "untouched", ""},
+        {EINVAL, true, "untouched", ""},
+        {EIO, false, "Unable to disable: Input/output error",
+         "Nao foi possivel desabilitar o Catra: Input/output error\n"},
+        {EBADF, false, "Unable to disable: Bad file descriptor",
+         "Nao foi possivel desabilitar o Catra: Bad file descriptor\n"},
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE("errno " + std::to_string(row.error));
+        if (row.error != 0)
+            SyscallFaults::fail_next(Call::write, row.error);
+        StderrCapture capture;
+        std::string error = "untouched";
+        EXPECT_EQ(disable_catra(&error), row.done);
+        EXPECT_EQ(error, row.error_text);
+        EXPECT_EQ(capture.text(), row.reported);
+        EXPECT_EQ(new_writes(), Texts{"d\0"s});
+    }
+    SyscallFaults::fail_next(Call::write, EIO);
+    EXPECT_FALSE(disable_catra(nullptr));
+}
+
+TEST_F(Controller, ReturnToDefaultStateWritesTheModeOrSetsTheState)
+{
+    constexpr int kQuiet = -99;  // no "catra_state_changed"
+    const struct {
+        int default_state, current;
+        const char* written;  // the command text, or "" for none
+        int announced, after;
+    } table[] = {{0, 0, "", kQuiet, 0},   {0, 1, "i", kQuiet, 1},  {0, 2, "i", kQuiet, 2},
+                 {0, 3, "i", kQuiet, 3},  {1, 0, "", 1, 1},        {1, 1, "", kQuiet, 1},
+                 {1, 2, "al", kQuiet, 2}, {1, 3, "al", kQuiet, 3}, {2, 0, "", 2, 2},
+                 {2, 1, "ar", kQuiet, 1}, {2, 2, "", kQuiet, 2},   {2, 3, "ar", kQuiet, 3},
+                 {3, 0, "ab", kQuiet, 0}, {3, 1, "ab", kQuiet, 1}, {3, 2, "ab", kQuiet, 2},
+                 {3, 3, "", kQuiet, 3},   {4, 0, "", 4, 4},        {-1, 3, "", -1, -1},
+                 {7, 7, "", kQuiet, 7}};
+    for (const auto& row : table) {
+        SCOPED_TRACE("default " + std::to_string(row.default_state) + ", current " +
+                     std::to_string(row.current));
+        default_state = row.default_state;
+        current_state = row.current;
+        return_to_default_state();
+        EXPECT_EQ(new_writes(), *row.written ? Texts{row.written + "\0"s} : Texts{});
+        EXPECT_EQ(new_messages(),
+                  row.announced == kQuiet
+                      ? Texts{}
+                      : Texts{"catra_state_changed{state=" + std::to_string(row.announced) + "}"});
+        EXPECT_EQ(current_state, row.after);
+        EXPECT_EQ(default_state, row.default_state);
+    }
+}
+
+TEST_F(Controller, AfterTheDeviceIsClosedNoCommandReachesItsNumber)
+{
+    StderrCapture capture;
+    int ends[2];
+    ASSERT_EQ(::pipe2(ends, O_NONBLOCK), 0);
+    const int number = catra_fd;
+    ::close(catra_fd);
+    catra_fd_closed = true;
+
+    do_execute_command("idle");
+    EXPECT_FALSE(configure_catra("e", ""));
+    EXPECT_EQ(errno, EBADF);
+    std::string error;
+    EXPECT_FALSE(disable_catra(&error));
+    EXPECT_EQ(error, "Unable to disable: Bad file descriptor");
+    EXPECT_EQ(capture.text(),
+              "[debug] do_execute_command: CATRA command: i no fd: " + std::to_string(number) +
+                  "\nNao foi possivel liberar a CATRACA: Bad file descriptor\n"
+                  "Nao foi possivel configurar a catraca com o comando: e: Bad "
+                  "file descriptor\n"
+                  "Nao foi possivel desabilitar o Catra: Bad file descriptor\n");
+    EXPECT_EQ(SyscallFaults::writes_after_close(), 0);
+
+    // Another file of the process that now holds the number gets nothing.
+    ASSERT_EQ(::dup2(ends[1], number), number);
+    do_execute_command("both");
+    char byte = 0;
+    EXPECT_EQ(::read(ends[0], &byte, 1), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    for (int fd : {ends[0], ends[1], number})
+        ::close(fd);
+}
+
+}  // namespace
+}  // namespace catra_test

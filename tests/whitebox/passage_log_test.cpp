@@ -1,0 +1,218 @@
+// The access-log bookkeeping of passages and give-ups, the operation-mode
+// question to the online client, and the access actions of the two portals.
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "catra_internal.h"
+#include "terminal_test.h"
+
+namespace catra_test {
+namespace {
+
+using Texts = std::vector<std::string>;
+
+// The seeded records: id 1 (user 100, portal 1, time 980) and id 2 (user
+// 101, portal 2, time 990), both granted (event 1). The functions run with
+// state_mutex held, as their callers hold it.
+class PassageLog : public TerminalTest {
+protected:
+    standin::Rows records()
+    {
+        return database().query(
+            "SELECT id, user_id, portal_id, time, event FROM access_logs ORDER BY id");
+    }
+    void restore_records()
+    {
+        database().exec("UPDATE access_logs SET portal_id = id, time = 970 + 10 * id, event = 1");
+        logs().clear();
+        recorder().clear();
+    }
+    void set_gateway(const char* gateway)
+    {
+        if (gateway == nullptr)
+            config().erase("catra", "gateway");
+        else
+            config().set("catra", "gateway", gateway);
+    }
+    // Runs the call and checks that record `id` now has the time of the call.
+    void expect_stamped(long long id, const std::function<void()>& call)
+    {
+        const time_t before = time(nullptr);
+        call();
+        const time_t after = time(nullptr);
+        const long long stamp = std::stoll(records().at(static_cast<std::size_t>(id - 1)).at(3));
+        EXPECT_GE(stamp, before);
+        EXPECT_LE(stamp, after);
+    }
+
+    const standin::Rows seeded_{{"1", "100", "1", "980", "1"}, {"2", "101", "2", "990", "1"}};
+    std::lock_guard<std::mutex> lock_{state_mutex};
+};
+
+std::string thrown_text(const std::function<void()>& call)
+{
+    try {
+        call();
+    } catch (const ac::ac_exception& e) {
+        return e.what();
+    }
+    return "";
+}
+
+TEST_F(PassageLog, ATurnSetsThePortalOfTheNewestRecordAndAGiveUpMarksIt)
+{
+    const auto turn = [](int event) { return [event] { update_last_log(event); }; };
+    const auto give_up = [](bool before_last) { return [=] { create_give_up_log(before_last); }; };
+    const int left = CatraEvent::TURN_LEFT, right = CatraEvent::TURN_RIGHT;
+    const struct {
+        const char* gateway;  // nullptr: not configured
+        std::function<void()> call;
+        std::size_t changed;  // index of the record that changes
+        const char* portal;   // its portal and event afterwards
+        const char* event;
+        const char* line;  // the debug line
+    } table[] = {
+        {"clockwise", turn(left), 1, "2", "1", "portal_id: 2, user_id: 101"},
+        {"clockwise", turn(right), 1, "1", "1", "portal_id: 1, user_id: 101"},
+        {nullptr, turn(right), 1, "2", "1", "portal_id: 2, user_id: 101"},
+        {nullptr, turn(left), 1, "1", "1", "portal_id: 1, user_id: 101"},
+        {"Clockwise", turn(right), 1, "2", "1", "portal_id: 2, user_id: 101"},
+        {"anticlockwise", turn(left), 1, "1", "1", "portal_id: 1, user_id: 101"},
+        {"", turn(right), 1, "2", "1", "portal_id: 2, user_id: 101"},
+        {"clockwise", give_up(false), 1, "2", "13", "Portal_id: 2, user_id: 101"},
+        {"clockwise", give_up(true), 0, "1", "13", "Portal_id: 1, user_id: 100"},
+    };
+    int index = 0;
+    for (const auto& row : table) {
+        SCOPED_TRACE("row " + std::to_string(index++));
+        restore_records();
+        set_gateway(row.gateway);
+        expect_stamped(static_cast<long long>(row.changed) + 1, row.call);
+
+        const standin::Rows rows = records();
+        EXPECT_EQ(rows[1 - row.changed], seeded_[1 - row.changed]);
+        EXPECT_EQ(rows[row.changed][2], row.portal);
+        EXPECT_EQ(rows[row.changed][4], row.event);
+        EXPECT_EQ(log_texts(standin::LogLine::Kind::debug), Texts{row.line});
+        EXPECT_TRUE(recorder().messages().empty()) << recorder().dump();
+    }
+}
+
+TEST_F(PassageLog, OnlineTheOperationModeDecidesAndAnUnansweredQuestionRaises)
+{
+    const struct {
+        int online;
+        const char* client;
+        int mode;
+        bool asked;
+        bool updated;
+        const char* raised;
+    } table[] = {
+        {0, "answer", 0, false, true, ""},
+        {1, "answer", 1, true, true, ""},
+        {1, "answer", 0, true, false, ""},
+        {1, "answer", 2, true, false, ""},
+        {1, "silent", 1, true, false, "Message online_client_get_operation_mode not replied"},
+        {1, "no_mode", 1, true, false, "Wrong parameters in reply"},
+    };
+    const struct {
+        const char* name;
+        std::function<void()> call;
+    } updates[] = {
+        {"update_last_log", [] { update_last_log(CatraEvent::TURN_LEFT); }},
+        {"create_give_up_log", [] { create_give_up_log(false); }},
+    };
+    for (const auto& row : table) {
+        for (const auto& update : updates) {
+            SCOPED_TRACE(std::string(update.name) + ", online " + std::to_string(row.online) +
+                         ", client " + row.client + ", mode " + std::to_string(row.mode));
+            restore_records();
+            config().set("host", "online", row.online);
+            config().set("host", "online_client", row.client);
+            config().set("host", "online_client_mode", row.mode);
+
+            EXPECT_EQ(thrown_text(update.call), row.raised);
+            EXPECT_EQ(records() != seeded_, row.updated);
+            const std::vector<RecordedMessage> sent = recorder().messages();
+            if (row.asked) {
+                ASSERT_EQ(sent.size(), 1u) << recorder().dump();
+                EXPECT_EQ(render(sent[0]), "online_client_get_operation_mode{} (sync)");
+            } else {
+                EXPECT_TRUE(sent.empty()) << recorder().dump();
+            }
+        }
+    }
+}
+
+TEST_F(PassageLog, DataAccessFailuresAreDroppedWithoutATrace)
+{
+    using standin::DalCall;
+    const auto turn = [] { update_last_log(CatraEvent::TURN_RIGHT); };
+    const auto give_up = [] { create_give_up_log(false); };
+    const auto give_up_earlier = [] { create_give_up_log(true); };
+    const struct {
+        const char* sql;  // makes records missing; nullptr: the fault is injected instead
+        DalCall fault;
+        std::function<void()> call;
+        std::size_t debug_lines;  // lines written before the failure
+    } table[] = {
+        {nullptr, DalCall::access_log_get_last, turn, 0},
+        {nullptr, DalCall::access_log_save, turn, 1},
+        {"DELETE FROM access_logs", DalCall::access_log_save, turn, 0},
+        {nullptr, DalCall::access_log_get_last, give_up, 0},
+        {nullptr, DalCall::access_log_get_before_last, give_up_earlier, 0},
+        {nullptr, DalCall::access_log_save, give_up, 1},
+        {"DELETE FROM access_logs WHERE id < (SELECT MAX(id) FROM access_logs)",
+         DalCall::access_log_save, give_up_earlier, 0},
+    };
+    int index = 0;
+    for (const auto& row : table) {
+        SCOPED_TRACE("row " + std::to_string(index++));
+        database().exec("DELETE FROM access_logs");
+        database().add_access_log(100, 1, 980, 1);
+        database().add_access_log(101, 2, 990, 1);
+        logs().clear();
+        if (row.sql != nullptr)
+            database().exec(row.sql);
+        else
+            database().fail_next(row.fault);
+        const standin::Rows before = records();
+
+        EXPECT_NO_THROW(row.call());
+        EXPECT_EQ(records(), before);
+        EXPECT_EQ(log_texts(standin::LogLine::Kind::debug).size(), row.debug_lines);
+        EXPECT_TRUE(log_texts(standin::LogLine::Kind::error).empty());
+        EXPECT_TRUE(recorder().messages().empty()) << recorder().dump();
+    }
+}
+
+TEST_F(PassageLog, PortalActionsFollowAntiPassbackAndTheGatewaySide)
+{
+    const struct {
+        int antipassback;
+        const char* gateway;
+        const char* portal_1;
+        const char* portal_2;
+    } table[] = {
+        {0, "clockwise", "4", "4"},     {0, nullptr, "4", "4"}, {1, "clockwise", "3", "2"},
+        {1, "anticlockwise", "2", "3"}, {1, nullptr, "2", "3"}, {1, "Clockwise", "2", "3"},
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE(std::string("anti-passback ") + std::to_string(row.antipassback) +
+                     ", gateway " + (row.gateway ? row.gateway : "<unset>"));
+        config().set("host", "antipassback_enabled", row.antipassback);
+        set_gateway(row.gateway);
+        set_portal_actions();
+        EXPECT_EQ(database().query("SELECT portal_id, position, action_id FROM portal_actions "
+                                   "ORDER BY portal_id, position"),
+                  (standin::Rows{{"1", "0", row.portal_1}, {"2", "0", row.portal_2}}));
+    }
+}
+
+}  // namespace
+}  // namespace catra_test
