@@ -11,9 +11,15 @@ if ! dpkg --print-foreign-architectures | grep -qx armhf; then
   dpkg --add-architecture armhf
   apt-get update -qq || true
 fi
-mkdir -p "$sysroot/debs"
-(cd "$sysroot/debs" && apt-get download libsqlite3-0:armhf libsqlite3-dev:armhf)
-for deb in "$sysroot"/debs/*.deb; do
+# The packages are kept in a cache outside the work tree, so that a fresh
+# clone on the same machine does not fetch them again.
+cache=/var/cache/catra/arm-debs
+mkdir -p "$cache"
+if ! ls "$cache"/libsqlite3-dev_*_armhf.deb >/dev/null 2>&1; then
+  (cd "$cache" && apt-get download libsqlite3-0:armhf libsqlite3-dev:armhf)
+fi
+mkdir -p "$sysroot"
+for deb in "$cache"/*.deb; do
   dpkg-deb -x "$deb" "$sysroot"
 done
 touch "$sysroot/.complete"

@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
-# Builds and runs every test: format check, then the default, address+undefined
-# and thread sanitizer presets. `scripts/test.sh asan` runs one preset alone.
+# The test command (what CI runs): every stage below, each printing its time.
+#   scripts/test.sh              all stages
+#   scripts/test.sh asan         one preset alone (default, asan, tsan)
+#   scripts/test.sh arm coverage static fuzz   other stages by name
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-presets=("$@")
-[ "${#presets[@]}" -eq 0 ] && presets=(default asan tsan)
+stages=("$@")
+[ "${#stages[@]}" -eq 0 ] && stages=(static default asan tsan coverage arm fuzz)
 
 stage() {
   local name=$1
@@ -16,11 +18,26 @@ stage() {
   echo "<== $name: $((SECONDS - start)) s"
 }
 
-stage "setup" scripts/setup.sh
+preset() {
+  cmake --preset "$1" >/dev/null
+  cmake --build --preset "$1"
+  ctest --preset "$1"
+}
+
+stage "setup" scripts/setup.sh \
+  cppcheck clang-tidy-14 gcovr clang-14 libclang-rt-14-dev g++-arm-linux-gnueabihf qemu-user
 stage "format check" scripts/check-format.sh
-for preset in "${presets[@]}"; do
-  stage "configure $preset" cmake --preset "$preset" >/dev/null
-  stage "build $preset" cmake --build --preset "$preset"
-  stage "test $preset" ctest --preset "$preset"
+for name in "${stages[@]}"; do
+  case "$name" in
+    default | asan | tsan) stage "build and test: $name" preset "$name" ;;
+    static) stage "static analysis" scripts/static-analysis.sh ;;
+    coverage) stage "coverage" scripts/coverage.sh ;;
+    arm) stage "ARM (armhf) under qemu-arm" scripts/arm.sh quick ;;
+    fuzz) stage "fuzz corpus replay" scripts/fuzz.sh replay ;;
+    *)
+      echo "unknown stage: $name" >&2
+      exit 2
+      ;;
+  esac
 done
 echo "all stages passed in $SECONDS s"

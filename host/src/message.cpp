@@ -108,6 +108,7 @@ void Message::add_string(std::string key, std::string value)
 
 // The first field of a key decides; one of the other type counts as absent.
 // The interface takes the key by value.
+// cppcheck-suppress passedByValue
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
 bool Message::get_int(std::string key, int* value) const
 {
@@ -124,6 +125,7 @@ bool Message::get_int(std::string key, int* value) const
 }
 
 // The interface takes the key by value.
+// cppcheck-suppress passedByValue
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
 bool Message::get_string(std::string key, std::string* value) const
 {

@@ -1,4 +1,6 @@
 // Host services that answer the plug-in: the online client and GPIO.
+#include <algorithm>
+
 #include "ac/config.h"
 #include "host_internal.h"
 
@@ -28,11 +30,12 @@ void answer_operation_mode(ac::Message& msg)
 // Reads the named int fields; logs and returns false when one is missing.
 bool read_ints(const ac::Message& msg, std::initializer_list<std::pair<const char*, int*>> fields)
 {
-    for (const auto& field : fields) {
-        if (!msg.get_int(field.first, field.second)) {
-            log_host(msg.type() + " without \"" + field.first + "\"; ignored");
-            return false;
-        }
+    const auto missing = std::find_if(fields.begin(), fields.end(), [&msg](const auto& field) {
+        return !msg.get_int(field.first, field.second);
+    });
+    if (missing != fields.end()) {
+        log_host(msg.type() + " without \"" + missing->first + "\"; ignored");
+        return false;
     }
     return true;
 }

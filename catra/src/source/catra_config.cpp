@@ -21,6 +21,7 @@ void config_param_set_callback(ac::Message* msg)
 
 // Takes its arguments by value: they are copies, independent of the message
 // that the queue frees after the handler.
+// cppcheck-suppress passedByValue
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
 void catra_config_set_callback(std::string module, std::string param, std::string value)
 {
@@ -48,6 +49,7 @@ void catra_config_set_callback(std::string module, std::string param, std::strin
 }
 
 // Takes its argument by value, like catra_config_set_callback.
+// cppcheck-suppress passedByValue
 // NOLINTNEXTLINE(performance-unnecessary-value-param)
 void exception_mode_config_set_callback(std::string value)
 {

@@ -84,7 +84,6 @@ namespace {
 void rex_worker(std::condition_variable& rex_condition)
 {
     static const char* const directions[] = {"anticlockwise", "clockwise", "both"};
-    bool released = false;
     try {
         std::unique_lock<std::mutex> lock(rex_mutex);
         try {
@@ -97,7 +96,6 @@ void rex_worker(std::condition_variable& rex_condition)
                 std::lock_guard<std::mutex> state_lock(state_mutex);
                 liberate_catra(direction, ac::util::REX);
             }
-            released = true;
         } catch (...) {
             rex_pending = 0;
             throw;
@@ -110,10 +108,8 @@ void rex_worker(std::condition_variable& rex_condition)
     } catch (const std::exception& e) {
         // Any other failure ends the worker the same way: rex_pending is
         // clear, the text is logged, and the next press starts a new worker.
-        std::ostringstream text;
-        text << (released ? "exit-request buzzer failed: " : "exit-request release failed: ")
-             << e.what();
-        ac::zorlog::debug(text.str(), __FILE__, "operator()", __LINE__);
+        ac::zorlog::debug(std::string("exit-request worker: ") + e.what(), __FILE__, "operator()",
+                          __LINE__);
     } catch (...) {
         ac::zorlog::debug("exit-request worker ended by an unknown exception", __FILE__,
                           "operator()", __LINE__);

@@ -1,5 +1,7 @@
 // Status messages: queries of the enabled flag and the states, and enabling
 // and disabling the turnstile with its GPIO hand-over.
+#include <algorithm>
+#include <iterator>
 #include <sstream>
 
 #include "catra_internal.h"
@@ -49,11 +51,9 @@ void catra_set_enabled_callback(ac::Message* msg)
             send_message_gpio_update(gpio, false);
         }
         std::vector<int> solenoids_without_collector;
-        for (int gpio : solenoid_gpios) {
-            if (gpio != collector_gpio) {
-                solenoids_without_collector.push_back(gpio);
-            }
-        }
+        std::copy_if(solenoid_gpios.begin(), solenoid_gpios.end(),
+                     std::back_inserter(solenoids_without_collector),
+                     [](int gpio) { return gpio != collector_gpio; });
         for (int gpio : solenoids_without_collector) {
             send_message_gpio_update(gpio, false);
         }
