@@ -15,18 +15,6 @@ namespace {
 
 using Texts = std::vector<std::string>;
 
-template <typename Condition>
-bool eventually(Condition condition)
-{
-    const auto deadline = std::chrono::steady_clock::now() + kWait;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
-
 class ExitRequest : public TerminalTest {
 protected:
     void SetUp() override

@@ -13,18 +13,6 @@
 namespace catra_test {
 namespace {
 
-template <typename Condition>
-bool eventually(Condition condition)
-{
-    const auto deadline = std::chrono::steady_clock::now() + kWait;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
-
 class Frame : public TerminalTest {};
 
 TEST_F(Frame, HostRegistrationHasTheTenTypesInOrderWithTheirFlags)

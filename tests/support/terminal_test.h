@@ -20,6 +20,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "ac/ac.h"
@@ -34,6 +35,20 @@ namespace catra_test {
 
 // Bound of every wait on an observed effect; only reached when a test fails.
 constexpr std::chrono::milliseconds kWait{5000};
+
+// Polls an observable effect until it holds; false when kWait runs out.
+template <typename Condition>
+bool eventually(Condition condition)
+{
+    const auto deadline = std::chrono::steady_clock::now() + kWait;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
 
 // A message field for send() and request(): {"key", 5} or {"key", "text"}.
 struct Field {

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "catra_internal.h"
-#include "terminal_test.h"
+#include "controller_line_test.h"
 
 namespace catra_test {
 namespace {
@@ -19,22 +19,14 @@ namespace {
 using namespace std::string_literals;
 using Texts = std::vector<std::string>;
 
-class ConfigChange : public TerminalTest {
+class ConfigChange : public ControllerLineTest {
 protected:
     void SetUp() override
     {
-        TerminalTest::SetUp();
-        catra_fd = ::open(pty().slave_path().c_str(), O_RDWR);
-        ASSERT_GE(catra_fd, 0);
-        catra_fd_closed = false;
+        ControllerLineTest::SetUp();
         // Portal actions as anti-passback with a clockwise entrance sets them.
         config().set("host", "antipassback_enabled", 1);
         config().set("catra", "gateway", "clockwise");
-    }
-    void TearDown() override
-    {
-        ::close(catra_fd);
-        TerminalTest::TearDown();
     }
 
     // Hands a "config_param_set" message to its handler; a null text leaves

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "catra_internal.h"
-#include "terminal_test.h"
+#include "controller_line_test.h"
 
 namespace catra_test {
 namespace {
@@ -36,20 +36,9 @@ std::string thrown_text(const std::function<void()>& call)
 
 // catra_fd open on the controller line; the commands run with state_mutex
 // held, as their callers hold it.
-class Controller : public TerminalTest {
+class Controller : public ControllerLineTest {
 protected:
-    void SetUp() override
-    {
-        TerminalTest::SetUp();
-        catra_fd = ::open(pty().slave_path().c_str(), O_RDWR);
-        ASSERT_GE(catra_fd, 0);
-    }
-    void TearDown() override
-    {
-        if (!catra_fd_closed)
-            ::close(catra_fd);
-        TerminalTest::TearDown();
-    }
+    void SetUp() override { ControllerLineTest::SetUp(); }
 
     // The write calls on the controller since the last call, NULs included.
     Texts new_writes()

@@ -16,7 +16,8 @@
 #include <vector>
 
 #include "catra_internal.h"
-#include "terminal_test.h"
+#include "controller_line_test.h"
+#include "trace.h"
 
 namespace catra_test {
 namespace {
@@ -26,49 +27,13 @@ using ::testing::StrEq;
 using ::testing::ThrowsMessage;
 using Texts = std::vector<std::string>;
 
-// Bus messages and controller writes in the order they happened: messages
-// rendered, writes as "write <bytes>" with NULs shown as \0.
-class Trace {
-public:
-    Trace() : seen_(SyscallFaults::device_writes().size())
-    {
-        id_ = standin::Bus::instance().subscribe([this](const ac::Message& msg, bool sync) {
-            std::lock_guard<std::mutex> lock(mutex_);
-            take_writes();
-            lines_.push_back(render(RecordedMessage{msg.type(), msg.fields(), sync}));
-        });
-    }
-    ~Trace() { standin::Bus::instance().unsubscribe(id_); }
-    Texts lines()
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        take_writes();
-        return lines_;
-    }
-
-private:
-    void take_writes()
-    {
-        const Texts writes = SyscallFaults::device_writes();
-        for (; seen_ < writes.size(); ++seen_)
-            lines_.push_back("write " + escape_bytes(writes[seen_]));
-    }
-    std::mutex mutex_;
-    std::size_t seen_;
-    Texts lines_;
-    int id_ = 0;
-};
-
 // The plug-in's code with the controller line as its device, the turnstile
 // disabled, solenoids 10, 11 and the collector 12, photo sensors 20 and 21.
-class Gpio : public TerminalTest {
+class Gpio : public ControllerLineTest {
 protected:
     void SetUp() override
     {
-        TerminalTest::SetUp();
-        catra_fd = ::open(pty().slave_path().c_str(), O_RDWR);
-        ASSERT_GE(catra_fd, 0);
-        catra_fd_closed = false;
+        ControllerLineTest::SetUp();
         catra_enabled = false;
         current_state = default_state = CatraState::BLOCKED;
         photo_sensor_gpios = {kFi1Gpio, kFi2Gpio};
@@ -76,11 +41,6 @@ protected:
         solenoid_gpios = {kSol1Gpio, kSol2Gpio, kCollectorGpio};
         solenoid_values = {false, false, false};
         collector_gpio = kCollectorGpio;
-    }
-    void TearDown() override
-    {
-        ::close(catra_fd);
-        TerminalTest::TearDown();
     }
 
     // Runs a handler on a message with these int fields (and a reply object

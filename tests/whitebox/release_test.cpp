@@ -11,7 +11,8 @@
 #include <vector>
 
 #include "catra_internal.h"
-#include "terminal_test.h"
+#include "controller_line_test.h"
+#include "trace.h"
 
 namespace catra_test {
 namespace {
@@ -19,50 +20,14 @@ namespace {
 using ::testing::StrEq;
 using ::testing::ThrowsMessage;
 
-// Bus messages and controller writes in the order they happened: messages
-// rendered, writes as "write <bytes>" with NULs shown as \0.
-class Trace {
-public:
-    Trace() : seen_(SyscallFaults::device_writes().size())
-    {
-        id_ = standin::Bus::instance().subscribe([this](const ac::Message& msg, bool sync) {
-            std::lock_guard<std::mutex> lock(mutex_);
-            take_writes();
-            lines_.push_back(render(RecordedMessage{msg.type(), msg.fields(), sync}));
-        });
-    }
-    ~Trace() { standin::Bus::instance().unsubscribe(id_); }
-    std::vector<std::string> lines()
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        take_writes();
-        return lines_;
-    }
-
-private:
-    void take_writes()
-    {
-        const std::vector<std::string> writes = SyscallFaults::device_writes();
-        for (; seen_ < writes.size(); ++seen_)
-            lines_.push_back("write " + escape_bytes(writes[seen_]));
-    }
-    std::mutex mutex_;
-    std::size_t seen_;
-    std::vector<std::string> lines_;
-    int id_ = 0;
-};
-
 // The plug-in's code with the controller line as its device, the turnstile
 // enabled and blocked. Actions 2, 3 and 4 lead to portals 2, 1 and 3, so the
 // record's portal tells which action was loaded.
-class Release : public TerminalTest {
+class Release : public ControllerLineTest {
 protected:
     void SetUp() override
     {
-        TerminalTest::SetUp();
-        catra_fd = ::open(pty().slave_path().c_str(), O_RDWR);
-        ASSERT_GE(catra_fd, 0);
-        catra_fd_closed = false;
+        ControllerLineTest::SetUp();
         catra_enabled = true;
         current_state = default_state = CatraState::BLOCKED;
         release_uuid.clear();
@@ -70,11 +35,6 @@ protected:
         database().exec(
             "DELETE FROM action_portals;"
             "INSERT INTO action_portals(action_id, portal_id) VALUES (2, 2), (3, 1), (4, 3);");
-    }
-    void TearDown() override
-    {
-        ::close(catra_fd);
-        TerminalTest::TearDown();
     }
 
     void release(const std::string& direction, int reason)

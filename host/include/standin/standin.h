@@ -312,7 +312,8 @@ private:
 // Ends the process without destroying statics. The plug-in has no shutdown
 // and its detached threads may still be inside its code, so running static
 // destructors under them would race; instead the host's own threads are
-// stopped, the leak check and coverage dump run explicitly, and _exit ends it.
+// stopped, the leak check runs explicitly, and _exit ends it. A coverage
+// build ends through exit(), the only way to each module's coverage writer.
 [[noreturn]] void end_process(int code);
 
 }  // namespace standin
