@@ -37,6 +37,7 @@
 #include "ac/ac.h"
 #include "ac_dal/ac_dal.h"
 #include "simulator/controller_pty.h"
+#include "simulator/plugin_configuration.h"
 #include "standin/standin.h"
 
 namespace {
@@ -63,29 +64,7 @@ long long nanos_since(SteadyClock::time_point start, SteadyClock::time_point end
 
 void configure(const std::string& device_path)
 {
-    standin::Config& c = standin::Config::instance();
-    c.set("catra", "device_path", device_path);
-    c.set("catra", "fi1", "12");
-    c.set("catra", "fi2", "13");
-    c.set("catra", "sol1", "14");
-    c.set("catra", "sol2", "15");
-    c.set("catra", "select_timeout", 1000);
-    c.set("catra", "fi1_gpio", 20);
-    c.set("catra", "fi2_gpio", 21);
-    c.set("catra", "sol1_gpio", 10);
-    c.set("catra", "sol2_gpio", 11);
-    c.set("catra", "watchdog_timeout", 1000);
-    c.set("catra", "relay_timeout", 500);
-    c.set("", "collector_gpio", 12);
-    c.set("", "collector_timeout", 300);
-    c.set("", "catra_timeout", 5);
-    c.set("gpio", "catra_relay_1_enabled", 0);
-    c.set("gpio", "catra_relay_2_enabled", 0);
-    c.set("identifier", "verbose_logging", 1);
-    c.set("host", "online", 0);
-    c.set("host", "exception_mode", 0);
-    c.set("host", "device_id", 1);
-    c.set("host", "buttonholes", "40,41,42");
+    simulator::write_plugin_configuration(standin::Config::instance(), device_path);
 
     standin::Database& db = standin::Database::instance();
     db.open(":memory:");

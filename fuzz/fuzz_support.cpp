@@ -12,6 +12,7 @@
 #include "ac_dal/ac_dal.h"
 #include "catra_internal.h"
 #include "simulator/controller_pty.h"
+#include "simulator/plugin_configuration.h"
 #include "standin/standin.h"
 
 namespace catra_fuzz {
@@ -33,36 +34,14 @@ long live_messages_idle = 0;  // messages alive while the bus is idle
 void set_configuration(const std::string& device_path)
 {
     standin::Config& c = standin::Config::instance();
-    c.clear();
-    c.set("catra", "device_path", device_path);
-    c.set("catra", "fi1", "12");
-    c.set("catra", "fi2", "13");
-    c.set("catra", "sol1", "14");
-    c.set("catra", "sol2", "15");
-    c.set("catra", "select_timeout", 1000);
-    c.set("catra", "fi1_gpio", 20);
-    c.set("catra", "fi2_gpio", 21);
-    c.set("catra", "sol1_gpio", 10);
-    c.set("catra", "sol2_gpio", 11);
-    c.set("catra", "watchdog_timeout", 1000);
-    c.set("catra", "relay_timeout", 500);
+    simulator::write_plugin_configuration(c, device_path);
+    // Beyond the shared configuration: a clockwise entrance, a blocked
+    // default, both relays pulsing, and the buttonholes of the fuzz target.
     c.set("catra", "gateway", "clockwise");
     c.set("catra", "operation_mode", "blocked");
-    c.set("", "collector_gpio", 12);
-    c.set("", "collector_timeout", 300);
-    c.set("", "catra_timeout", 5);
-    c.set("gpio", "catra_relay_1_enable_direction", "right");
-    c.set("gpio", "catra_relay_2_enable_direction", "left");
     c.set("gpio", "catra_relay_1_enabled", 1);
     c.set("gpio", "catra_relay_2_enabled", 1);
-    c.set("gpio", "catra_relay_1_gpio", 30);
-    c.set("gpio", "catra_relay_2_gpio", 31);
-    c.set("identifier", "verbose_logging", 1);
     c.set("identifier", "antipassback_enabled", 0);
-    c.set("host", "online", 0);
-    c.set("host", "exception_mode", 0);
-    c.set("host", "antipassback_enabled", 0);
-    c.set("host", "device_id", 1);
     c.set("host", "buttonholes", kButtonholes);
 }
 

@@ -1,5 +1,7 @@
 #include "terminal_test.h"
 
+#include "simulator/plugin_configuration.h"
+
 #include "ac_dal/ac_dal.h"
 
 #include <atomic>
@@ -139,35 +141,7 @@ void TerminalTest::TearDown()
 
 void TerminalTest::set_default_configuration()
 {
-    standin::Config& c = config();
-    c.clear();
-    c.set("catra", "device_path", pty_->slave_path());
-    c.set("catra", "fi1", "12");
-    c.set("catra", "fi2", "13");
-    c.set("catra", "sol1", "14");
-    c.set("catra", "sol2", "15");
-    c.set("catra", "select_timeout", 1000);
-    c.set("catra", "fi1_gpio", kFi1Gpio);
-    c.set("catra", "fi2_gpio", kFi2Gpio);
-    c.set("catra", "sol1_gpio", kSol1Gpio);
-    c.set("catra", "sol2_gpio", kSol2Gpio);
-    c.set("catra", "watchdog_timeout", 1000);
-    c.set("catra", "relay_timeout", kRelayTimeout);
-    c.set("", "collector_gpio", kCollectorGpio);
-    c.set("", "collector_timeout", kCollectorTimeout);
-    c.set("", "catra_timeout", kCatraTimeout);
-    c.set("gpio", "catra_relay_1_enable_direction", "right");
-    c.set("gpio", "catra_relay_2_enable_direction", "left");
-    c.set("gpio", "catra_relay_1_enabled", 0);
-    c.set("gpio", "catra_relay_2_enabled", 0);
-    c.set("gpio", "catra_relay_1_gpio", kRelay1Gpio);
-    c.set("gpio", "catra_relay_2_gpio", kRelay2Gpio);
-    c.set("identifier", "verbose_logging", 1);
-    c.set("host", "online", 0);
-    c.set("host", "exception_mode", 0);
-    c.set("host", "antipassback_enabled", 0);
-    c.set("host", "device_id", kDeviceId);
-    c.set("host", "buttonholes", "40,41,42");
+    simulator::write_plugin_configuration(config(), pty_->slave_path());
 }
 
 void TerminalTest::seed_database()

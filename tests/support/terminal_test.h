@@ -27,6 +27,7 @@
 #include "bus_recorder.h"
 #include "bytes_text.h"
 #include "simulator/controller_pty.h"
+#include "simulator/plugin_configuration.h"
 #include "standin/standin.h"
 #include "stderr_capture.h"
 #include "syscall_faults.h"
@@ -72,17 +73,17 @@ struct Reply {
 class TerminalTest : public ::testing::Test {
 public:
     // Configuration values of the defaults, for expectations.
-    static constexpr long long kDeviceId = 1;
-    static constexpr int kFi1Gpio = 20;
-    static constexpr int kFi2Gpio = 21;
-    static constexpr int kSol1Gpio = 10;
-    static constexpr int kSol2Gpio = 11;
-    static constexpr int kCollectorGpio = 12;
-    static constexpr int kCollectorTimeout = 300;
-    static constexpr int kCatraTimeout = 5;
-    static constexpr int kRelayTimeout = 500;
-    static constexpr int kRelay1Gpio = 30;
-    static constexpr int kRelay2Gpio = 31;
+    static constexpr long long kDeviceId = simulator::defaults::kDeviceId;
+    static constexpr int kFi1Gpio = simulator::defaults::kFi1Gpio;
+    static constexpr int kFi2Gpio = simulator::defaults::kFi2Gpio;
+    static constexpr int kSol1Gpio = simulator::defaults::kSol1Gpio;
+    static constexpr int kSol2Gpio = simulator::defaults::kSol2Gpio;
+    static constexpr int kCollectorGpio = simulator::defaults::kCollectorGpio;
+    static constexpr int kCollectorTimeout = simulator::defaults::kCollectorTimeout;
+    static constexpr int kCatraTimeout = simulator::defaults::kCatraTimeout;
+    static constexpr int kRelayTimeout = simulator::defaults::kRelayTimeout;
+    static constexpr int kRelay1Gpio = simulator::defaults::kRelay1Gpio;
+    static constexpr int kRelay2Gpio = simulator::defaults::kRelay2Gpio;
     // Where the manual clock stands at the start of each test.
     static timespec start_time() { return timespec{1000, 0}; }
 
