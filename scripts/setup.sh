@@ -7,7 +7,8 @@ packages=(
   cmake ninja-build g++ pkg-config
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libsqlite3-dev sqlite3
-  nlohmann-json3-dev libinih-dev libcli11-dev
+  nlohmann-json3-dev libinih-dev libcli11-dev libcpp-httplib-dev
+  librapidcheck-dev
   clang-format-14
 )
 if [ "$#" -gt 0 ]; then

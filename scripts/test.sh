@@ -25,7 +25,8 @@ preset() {
 }
 
 stage "setup" scripts/setup.sh \
-  cppcheck clang-tidy-14 gcovr clang-14 libclang-rt-14-dev g++-arm-linux-gnueabihf qemu-user
+  cppcheck clang-tidy-14 gcovr clang-14 libclang-rt-14-dev g++-arm-linux-gnueabihf qemu-user \
+  chromium chromium-driver python3-selenium lintian help2man dpkg-dev file
 stage "format check" scripts/check-format.sh
 for name in "${stages[@]}"; do
   case "$name" in
