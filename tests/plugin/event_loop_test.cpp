@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "ac_dal/ac_dal.h"
 #include "terminal_test.h"
 
 namespace catra_test {
@@ -108,116 +107,6 @@ TEST_F(EventLoop, BlockedAndGiveUpAreDroppedInsideTheirWindows)
     EXPECT_TRUE(new_writes().empty());
 }
 
-TEST_F(EventLoop, ModeAndReleaseEventsAnnounceEachStateChangeAfterTheEvent)
-{
-    // Each message in short, by its first field: "event N" for "catra_event",
-    // "default_state N" and "state N" for the two announcements.
-    const struct {
-        char letter;
-        const char* sent;
-    } steps[] = {{'c', "event 2, default_state 2, state 2"},
-                 {'c', "event 2"},
-                 {'e', "event 4, state 1"},
-                 {'d', "event 3, default_state 3, state 3"},
-                 {'f', "event 5, state 2"},
-                 {'g', "event 6, state 3"},
-                 {'b', "event 1, default_state 1, state 1"},
-                 {'a', "event 0, default_state 0, state 0"},
-                 {'k', "event 10"}};
-    for (const auto& step : steps) {
-        SCOPED_TRACE("letter "s + step.letter);
-        clock().advance_ms(100);
-        const std::size_t earlier = recorder().messages().size();
-        report(step.letter);
-        settle();
-        const std::vector<RecordedMessage> all = recorder().messages();
-        std::string sent;
-        for (auto message = all.begin() + static_cast<long>(earlier); message != all.end();
-             ++message) {
-            const ac::MessageField& first = message->fields.at(0);
-            sent += (sent.empty() ? "" : ", ") + first.key + " " + std::to_string(first.int_value);
-        }
-        EXPECT_EQ(sent, step.sent + ", event 11"s);
-    }
-
-    std::size_t named = 0;
-    for (const standin::ThreadName& thread : standin::Threads::instance().names())
-        named += thread.name == "catra_run";
-    EXPECT_EQ(named, 1u);
-    EXPECT_TRUE(new_writes().empty()) << "events alone write no command";
-}
-
-TEST_F(EventLoop, TurnsAndGiveUpsCountLogAndReturnToTheDefaultMode)
-{
-    const char* const left_refused = "ERROR: Cannot turn left  while blocked!!";
-    const char* const right_refused = "ERROR: Cannot turn right while blocked!!";
-    const struct {
-        const char* label;
-        const char* gateway;  // nullptr: not configured
-        const char* before;   // letters that bring the turnstile into its state
-        char letter;          // the turn or give-up
-        long long left, right, entrance, exit;
-        const char* error;
-        int portal, event;  // of the newest access-log record afterwards
-        Texts written;
-    } table[] = {
-        {"left, blocked", nullptr, "a", 'h', 0, 0, 0, 0, left_refused, 0, 1, {}},
-        {"right, blocked", nullptr, "a", 'i', 0, 0, 0, 0, right_refused, 0, 1, {}},
-        {"right, left free", nullptr, "ae", 'i', 0, 0, 0, 0, right_refused, 0, 1, {"i\0"s}},
-        {"left, right free", nullptr, "af", 'h', 0, 0, 0, 0, left_refused, 0, 1, {"i\0"s}},
-        {"left, no gateway", nullptr, "ae", 'h', 1, 0, 1, 0, nullptr, 0, 1, {"i\0"s}},
-        {"left, clockwise", "clockwise", "ae", 'h', 1, 0, 0, 1, nullptr, 0, 1, {"i\0"s}},
-        {"right, clockwise", "clockwise", "af", 'i', 0, 1, 1, 0, nullptr, 0, 1, {"i\0"s}},
-        {"right, Clockwise", "Clockwise", "af", 'i', 0, 1, 0, 1, nullptr, 0, 1, {"i\0"s}},
-        {"right, no gateway", nullptr, "af", 'i', 0, 1, 0, 1, nullptr, 0, 1, {"i\0"s}},
-        {"two-way, left", nullptr, "ag", 'h', 1, 0, 1, 0, nullptr, 1, 1, {"i\0"s}},
-        {"two-way, left, clockwise", "clockwise", "ag", 'h', 1, 0, 0, 1, nullptr, 2, 1, {"i\0"s}},
-        {"two-way, right, clockwise", "clockwise", "ag", 'i', 0, 1, 1, 0, nullptr, 1, 1, {"i\0"s}},
-        {"two-way from always right", nullptr, "acg", 'i', 0, 1, 0, 1, nullptr, 2, 1, {"ar\0"s}},
-        {"always both", "clockwise", "ad", 'i', 0, 1, 1, 0, nullptr, 0, 1, {}},
-        {"always left", nullptr, "ab", 'h', 1, 0, 1, 0, nullptr, 0, 1, {}},
-        {"left, always right", nullptr, "ac", 'h', 0, 0, 0, 0, left_refused, 0, 1, {}},
-        {"give-up, left free", nullptr, "ae", 'j', 0, 0, 0, 0, nullptr, 0, 13, {"i\0"s}},
-        {"give-up, always left", nullptr, "abg", 'j', 0, 0, 0, 0, nullptr, 0, 13, {"al\0"s}},
-        {"give-up, nothing pending", nullptr, "a", 'j', 0, 0, 0, 0, nullptr, 0, 1, {}},
-        {"give-up, always both", nullptr, "adf", 'j', 0, 0, 0, 0, nullptr, 0, 1, {"ab\0"s}},
-    };
-    const char* const counters[] = {"left_turns", "right_turns", "entrance_turns", "exit_turns"};
-    for (const auto& row : table) {
-        SCOPED_TRACE(row.label);
-        if (row.gateway == nullptr)
-            config().erase("catra", "gateway");
-        else
-            config().set("catra", "gateway", row.gateway);
-        const long long newest =
-            database().add_access_log(200, 0, 0, ac_dal::access_log_event::GRANTED);
-        for (const char* letter = row.before; *letter != '\0'; ++letter)
-            report(*letter);
-        settle();
-        long long counted[4];
-        for (int i = 0; i < 4; ++i)
-            counted[i] = database().counter(counters[i]);
-        const std::size_t errors = log_texts(Kind::error).size();
-
-        clock().advance_ms(500);
-        handled(row.letter);
-        EXPECT_EQ(last_event(), row.letter - 'a');
-        EXPECT_NE(recorder().of_type("catra_event").back().int_field("access_event_id"), 0);
-        settle();
-
-        const long long moved[] = {row.left, row.right, row.entrance, row.exit};
-        for (int i = 0; i < 4; ++i)
-            EXPECT_EQ(database().counter(counters[i]) - counted[i], moved[i]) << counters[i];
-        const Texts error_lines = log_texts(Kind::error);
-        EXPECT_EQ(Texts(error_lines.begin() + static_cast<long>(errors), error_lines.end()),
-                  row.error ? Texts{row.error} : Texts{});
-        EXPECT_EQ(database().query("SELECT portal_id, event FROM access_logs WHERE id = " +
-                                   std::to_string(newest)),
-                  (standin::Rows{{std::to_string(row.portal), std::to_string(row.event)}}));
-        EXPECT_EQ(new_writes(), row.written) << escape_list(row.written);
-    }
-}
-
 TEST_F(EventLoop, AnUnknownByteIsPublishedThenLoggedAndTheLoopGoesOn)
 {
     pty().write_event('z');
@@ -238,6 +127,11 @@ TEST_F(EventLoop, AnUnknownByteIsPublishedThenLoggedAndTheLoopGoesOn)
               (Texts{"Unknown catra event: 25", "Unknown catra event: -32"}));
     EXPECT_EQ(render(recorder().of_type("catra_state_changed").at(0)),
               "catra_state_changed{state=2}");
+
+    std::size_t named = 0;
+    for (const standin::ThreadName& thread : standin::Threads::instance().names())
+        named += thread.name == "catra_run";
+    EXPECT_EQ(named, 1u);
 }
 
 enum class Loss { hang_up, read_fails, wait_fails };

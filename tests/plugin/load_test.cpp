@@ -1,5 +1,4 @@
 // Loading the plug-in the way the terminal does, and its controller set-up.
-#include <dlfcn.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -7,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "elf_symbols.h"
 #include "terminal_test.h"
 
 namespace catra_test {
@@ -83,31 +81,6 @@ TEST_F(PluginLoad, InitReportsAnOpenRefusedBySystem)
     EXPECT_EQ(SyscallFaults::device_fd(), -1);
     EXPECT_TRUE(SyscallFaults::device_writes().empty());
     EXPECT_TRUE(plugin_host().plugin().listeners().empty());
-}
-
-TEST(PluginLibrary, ExportsOnlyInit)
-{
-    std::vector<std::string> own;
-    for (const std::string& name : exported_symbols(CATRA_PLUGIN_PATH))
-        if (!is_runtime_symbol(name))
-            own.push_back(name);
-    EXPECT_EQ(own, std::vector<std::string>{"init"})
-        << "exported by " CATRA_PLUGIN_PATH ": " << escape_list(own);
-}
-
-TEST(PluginLibrary, DynamicLookupFindsInitAndNoInternalName)
-{
-    void* const library = ::dlopen(CATRA_PLUGIN_PATH, RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(library, nullptr) << ::dlerror();
-    EXPECT_NE(::dlsym(library, "init"), nullptr);
-    for (const char* internal :
-         {"do_execute_command",
-          "_Z18do_execute_commandRKNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE", "run",
-          "_Z3runv", "init_catra",
-          "_Z10init_catraPNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE", "catra_fd",
-          "current_state", "state_mutex", "message_enqueuer"})
-        EXPECT_EQ(::dlsym(library, internal), nullptr) << internal << " is exported";
-    // The library stays loaded: the plug-in has no unload.
 }
 
 }  // namespace

@@ -100,42 +100,6 @@ TEST_F(ConfigChange, RoutingByModuleAndParameter)
     }
 }
 
-TEST_F(ConfigChange, OperationModeAndGatewayChooseTheDefaultMode)
-{
-    const struct {
-        const char* operation_mode;
-        const char* gateway;  // null: not configured
-        const char* written;
-    } table[] = {
-        {"entrance_open", "clockwise", "ar"},
-        {"entrance_open", "anticlockwise", "al"},
-        {"entrance_open", nullptr, "al"},
-        {"exit_open", "clockwise", "al"},
-        {"exit_open", "anticlockwise", "ar"},
-        {"exit_open", nullptr, "ar"},
-        {"both_open", "clockwise", "ab"},
-        {"both_open", "anticlockwise", "ab"},
-        {"Entrance_open", "clockwise", "i"},
-        {"entrance_open ", "clockwise", "i"},
-        {"exit-open", "anticlockwise", "i"},
-        {"blocked", "clockwise", "i"},
-        {"", "clockwise", "i"},
-        {"entrance_open", "Clockwise", "al"},
-    };
-    for (const auto& row : table) {
-        SCOPED_TRACE("\""s + row.operation_mode + "\", gateway " +
-                     (row.gateway ? row.gateway : "missing"));
-        if (row.gateway != nullptr)
-            config().set("catra", "gateway", row.gateway);
-        else
-            config().erase("catra", "gateway");
-        // The message's value counts, not what the store holds.
-        config().set("catra", "operation_mode", "both_open");
-        EXPECT_EQ(change("catra", "operation_mode", row.operation_mode),
-                  Texts{row.written + "\0"s});
-    }
-}
-
 TEST_F(ConfigChange, ExceptionModeOverridesOrRereadsTheOperationMode)
 {
     config().set("catra", "operation_mode", "exit_open");

@@ -232,36 +232,6 @@ TEST_F(Controller, DisableCountsEinvalAsDone)
     EXPECT_FALSE(disable_catra(nullptr));
 }
 
-TEST_F(Controller, ReturnToDefaultStateWritesTheModeOrSetsTheState)
-{
-    constexpr int kQuiet = -99;  // no "catra_state_changed"
-    const struct {
-        int default_state, current;
-        const char* written;  // the command text, or "" for none
-        int announced, after;
-    } table[] = {{0, 0, "", kQuiet, 0},   {0, 1, "i", kQuiet, 1},  {0, 2, "i", kQuiet, 2},
-                 {0, 3, "i", kQuiet, 3},  {1, 0, "", 1, 1},        {1, 1, "", kQuiet, 1},
-                 {1, 2, "al", kQuiet, 2}, {1, 3, "al", kQuiet, 3}, {2, 0, "", 2, 2},
-                 {2, 1, "ar", kQuiet, 1}, {2, 2, "", kQuiet, 2},   {2, 3, "ar", kQuiet, 3},
-                 {3, 0, "ab", kQuiet, 0}, {3, 1, "ab", kQuiet, 1}, {3, 2, "ab", kQuiet, 2},
-                 {3, 3, "", kQuiet, 3},   {4, 0, "", 4, 4},        {-1, 3, "", -1, -1},
-                 {7, 7, "", kQuiet, 7}};
-    for (const auto& row : table) {
-        SCOPED_TRACE("default " + std::to_string(row.default_state) + ", current " +
-                     std::to_string(row.current));
-        default_state = row.default_state;
-        current_state = row.current;
-        return_to_default_state();
-        EXPECT_EQ(new_writes(), *row.written ? Texts{row.written + "\0"s} : Texts{});
-        EXPECT_EQ(new_messages(),
-                  row.announced == kQuiet
-                      ? Texts{}
-                      : Texts{"catra_state_changed{state=" + std::to_string(row.announced) + "}"});
-        EXPECT_EQ(current_state, row.after);
-        EXPECT_EQ(default_state, row.default_state);
-    }
-}
-
 TEST_F(Controller, AfterTheDeviceIsClosedNoCommandReachesItsNumber)
 {
     StderrCapture capture;

@@ -64,45 +64,6 @@ std::string thrown_text(const std::function<void()>& call)
     return "";
 }
 
-TEST_F(PassageLog, ATurnSetsThePortalOfTheNewestRecordAndAGiveUpMarksIt)
-{
-    const auto turn = [](int event) { return [event] { update_last_log(event); }; };
-    const auto give_up = [](bool before_last) { return [=] { create_give_up_log(before_last); }; };
-    const int left = CatraEvent::TURN_LEFT, right = CatraEvent::TURN_RIGHT;
-    const struct {
-        const char* gateway;  // nullptr: not configured
-        std::function<void()> call;
-        std::size_t changed;  // index of the record that changes
-        const char* portal;   // its portal and event afterwards
-        const char* event;
-        const char* line;  // the debug line
-    } table[] = {
-        {"clockwise", turn(left), 1, "2", "1", "portal_id: 2, user_id: 101"},
-        {"clockwise", turn(right), 1, "1", "1", "portal_id: 1, user_id: 101"},
-        {nullptr, turn(right), 1, "2", "1", "portal_id: 2, user_id: 101"},
-        {nullptr, turn(left), 1, "1", "1", "portal_id: 1, user_id: 101"},
-        {"Clockwise", turn(right), 1, "2", "1", "portal_id: 2, user_id: 101"},
-        {"anticlockwise", turn(left), 1, "1", "1", "portal_id: 1, user_id: 101"},
-        {"", turn(right), 1, "2", "1", "portal_id: 2, user_id: 101"},
-        {"clockwise", give_up(false), 1, "2", "13", "Portal_id: 2, user_id: 101"},
-        {"clockwise", give_up(true), 0, "1", "13", "Portal_id: 1, user_id: 100"},
-    };
-    int index = 0;
-    for (const auto& row : table) {
-        SCOPED_TRACE("row " + std::to_string(index++));
-        restore_records();
-        set_gateway(row.gateway);
-        expect_stamped(static_cast<long long>(row.changed) + 1, row.call);
-
-        const standin::Rows rows = records();
-        EXPECT_EQ(rows[1 - row.changed], seeded_[1 - row.changed]);
-        EXPECT_EQ(rows[row.changed][2], row.portal);
-        EXPECT_EQ(rows[row.changed][4], row.event);
-        EXPECT_EQ(log_texts(standin::LogLine::Kind::debug), Texts{row.line});
-        EXPECT_TRUE(recorder().messages().empty()) << recorder().dump();
-    }
-}
-
 TEST_F(PassageLog, OnlineTheOperationModeDecidesAndAnUnansweredQuestionRaises)
 {
     const struct {

@@ -92,54 +92,6 @@ TEST_F(Publication, TurnStoresAnAccessEventAndPublishesItsId)
     EXPECT_EQ(release_uuid, "");
 }
 
-TEST_F(Publication, ASecondTurnRecordsAnEmptyUuid)
-{
-    release_uuid = "abc";
-    send_message_catra_event(CatraEvent::TURN_RIGHT);
-    send_message_catra_event(CatraEvent::TURN_RIGHT);
-
-    const standin::Rows rows = access_events();
-    ASSERT_EQ(rows.size(), 2u);
-    EXPECT_EQ(rows[1][3], "");
-    const auto events = recorder().of_type("catra_event");
-    ASSERT_EQ(events.size(), 2u);
-    EXPECT_EQ(events[1].text_field("uuid"), "");
-    EXPECT_EQ(events[1].int_field("access_event_id"), std::stoi(rows[1][0]));
-    EXPECT_NE(rows[0][0], rows[1][0]);
-}
-
-TEST_F(Publication, TurnsAndGiveUpsUseUpThePendingUuid)
-{
-    for (int event : {CatraEvent::TURN_LEFT, CatraEvent::TURN_RIGHT, CatraEvent::GIVE_UP}) {
-        release_uuid = "u-" + std::to_string(event);
-        send_message_catra_event(event);
-        EXPECT_EQ(release_uuid, "") << catra_event_to_string(event);
-        const auto sent = recorder().of_type("catra_event").back();
-        EXPECT_EQ(sent.text_field("uuid"), "u-" + std::to_string(event));
-        EXPECT_NE(sent.int_field("access_event_id"), 0);
-    }
-    const standin::Rows rows = access_events();
-    ASSERT_EQ(rows.size(), 3u);
-    EXPECT_EQ(rows[0][2], "TURN LEFT");
-    EXPECT_EQ(rows[1][2], "TURN RIGHT");
-    EXPECT_EQ(rows[2][2], "GIVE UP");
-}
-
-TEST_F(Publication, OtherEventsStoreNothingAndKeepTheUuid)
-{
-    release_uuid = "keep";
-    for (int event : {0, 1, 2, 3, 4, 5, 6, 10, 11, 12, 25, -32}) {
-        send_message_catra_event(event);
-        const auto sent = recorder().of_type("catra_event").back();
-        EXPECT_EQ(sent.int_field("event"), event);
-        EXPECT_EQ(sent.text_field("event_name"), catra_event_to_string(event));
-        EXPECT_EQ(sent.text_field("uuid"), "keep");
-        EXPECT_EQ(sent.int_field("access_event_id"), 0) << "event " << event;
-        EXPECT_EQ(release_uuid, "keep");
-    }
-    EXPECT_TRUE(access_events().empty());
-}
-
 TEST_F(Publication, ADataAccessFailureSendsNothingAndKeepsTheUuid)
 {
     release_uuid = "abc";
@@ -150,37 +102,6 @@ TEST_F(Publication, ADataAccessFailureSendsNothingAndKeepsTheUuid)
 
     send_message_catra_event(CatraEvent::TURN_LEFT);
     EXPECT_EQ(recorder().of_type("catra_event").size(), 1u);
-}
-
-TEST_F(Publication, EachStateChangeIsAnnouncedOnce)
-{
-    current_state = CatraState::BLOCKED;
-    default_state = CatraState::BLOCKED;
-    logs().clear();
-
-    set_current_state(CatraState::BLOCKED);
-    set_default_state(CatraState::BLOCKED);
-    EXPECT_TRUE(recorder().messages().empty());
-
-    set_default_state(CatraState::RIGHT_LIBERATED);
-    set_default_state(CatraState::RIGHT_LIBERATED);
-    set_current_state(CatraState::LEFT_LIBERATED);
-    set_current_state(CatraState::LEFT_LIBERATED);
-
-    const auto sent = recorder().messages();
-    ASSERT_EQ(sent.size(), 2u) << recorder().dump();
-    EXPECT_EQ(render(sent[0]), "catra_default_state_changed{default_state=2}");
-    EXPECT_EQ(render(sent[1]), "catra_state_changed{state=1}");
-    EXPECT_EQ(default_state, CatraState::RIGHT_LIBERATED);
-    EXPECT_EQ(current_state, CatraState::LEFT_LIBERATED);
-
-    const auto lines = logs().lines();
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[0].text, "Catra default_state : RIGHT LIBERATED");
-    EXPECT_EQ(lines[0].function, "send_message_catra_default_state_changed");
-    EXPECT_EQ(lines[1].text, "Catra state : LEFT LIBERATED");
-    EXPECT_EQ(lines[1].function, "send_message_catra_state_changed");
-    EXPECT_NE(lines[1].file.find("catra/src/source/"), std::string::npos);
 }
 
 }  // namespace

@@ -57,107 +57,9 @@ protected:
         return database().query(
             "SELECT portal_id, reason, user_id FROM access_logs WHERE event = 12 ORDER BY id");
     }
-    // The events of all access-log records, oldest first.
-    std::vector<std::string> log_events()
-    {
-        std::vector<std::string> events;
-        for (const auto& row : database().query("SELECT event FROM access_logs ORDER BY id"))
-            events.push_back(row[0]);
-        return events;
-    }
 };
 
 using Texts = std::vector<std::string>;
-
-TEST_F(Release, DecisionTableForEveryStatePairAndDirection)
-{
-    const struct {
-        int default_state;
-        int current_state;
-        Texts back_to_default;  // what comes before the release text
-        const char* clockwise;  // release texts; null: nothing happens at all
-        const char* anticlockwise;
-        const char* both;
-    } table[] = {
-        {0, 0, {}, "r5", "l5", "b5"},
-        {0, 1, {"write i\\0"}, "b5", "l5", "b5"},
-        {0, 2, {"write i\\0"}, "r5", "b5", "b5"},
-        {0, 3, {"write i\\0"}, "r5", "l5", "b5"},
-        {1, 0, {"catra_state_changed{state=1}"}, "b5", "b5", "b5"},
-        {1, 1, {}, "b5", "b5", "b5"},
-        {1, 2, {"write al\\0"}, "b5", "b5", "b5"},
-        {1, 3, {"write al\\0"}, "b5", "b5", "b5"},
-        {2, 0, {"catra_state_changed{state=2}"}, "b5", "b5", "b5"},
-        {2, 1, {"write ar\\0"}, "b5", "b5", "b5"},
-        {2, 2, {}, "b5", "b5", "b5"},
-        {2, 3, {"write ar\\0"}, "b5", "b5", "b5"},
-        {3, 0, {}, nullptr, nullptr, nullptr},
-        {3, 1, {}, nullptr, nullptr, nullptr},
-        {3, 2, {}, nullptr, nullptr, nullptr},
-        {3, 3, {}, nullptr, nullptr, nullptr},
-    };
-    for (const auto& row : table) {
-        const std::pair<const char*, const char*> cells[] = {
-            {"clockwise", row.clockwise}, {"anticlockwise", row.anticlockwise}, {"both", row.both}};
-        for (const auto& [direction, text] : cells) {
-            SCOPED_TRACE("default " + std::to_string(row.default_state) + ", current " +
-                         std::to_string(row.current_state) + ", " + direction);
-            database().exec("UPDATE access_logs SET event = 1");
-            default_state = row.default_state;
-            current_state = row.current_state;
-            Trace trace;
-            release(direction, ac::util::AUTHORIZED);
-
-            Texts expected;
-            if (text != nullptr) {
-                expected = row.back_to_default;
-                expected.push_back("write " + std::string(text) + "\\0");
-            }
-            EXPECT_EQ(trace.lines(), expected);
-            // A pending release is closed: the access before the newest is given up.
-            const bool replaced = text != nullptr && row.default_state != row.current_state;
-            EXPECT_EQ(log_events(), (replaced ? Texts{"13", "1"} : Texts{"1", "1"}));
-            EXPECT_TRUE(rex_records().empty());
-        }
-    }
-}
-
-TEST_F(Release, TheRecordOfTheNewReleaseComesBeforeTheGiveUp)
-{
-    current_state = CatraState::RIGHT_LIBERATED;
-    Trace trace;
-    release("anticlockwise", ac::util::REX);
-    EXPECT_EQ(trace.lines(), (Texts{"write i\\0", "write b5\\0"}));
-    // The record just written is the newest, so the one before it is given up.
-    EXPECT_EQ(log_events(), (Texts{"1", "13", "12"}));
-    EXPECT_EQ(rex_records(), (standin::Rows{{"2", "2", "0"}}));
-}
-
-TEST_F(Release, PermanentModesAreWrittenAsTheyAreWithoutRecordOrGiveUp)
-{
-    const struct {
-        int default_state;
-        int current_state;
-        const char* command;
-        const char* written;
-    } table[] = {
-        {3, 3, "idle", "write i\\0"},
-        {3, 0, "always", "write ab\\0"},
-        {0, 2, "alwaysclockwise", "write ar\\0"},
-        {0, 1, "alwaysanticlockwise", "write al\\0"},
-    };
-    for (const auto& row : table) {
-        SCOPED_TRACE(row.command);
-        default_state = row.default_state;
-        current_state = row.current_state;
-        Trace trace;
-        release(row.command, ac::util::WEB);
-        EXPECT_EQ(trace.lines(), Texts{row.written});
-        EXPECT_EQ(current_state, row.current_state);
-    }
-    EXPECT_EQ(log_events(), (Texts{"1", "1"}));
-    EXPECT_TRUE(debug_of("log_catra_liberated").empty());
-}
 
 TEST_F(Release, RecordNamesTheReasonAndThePortalOfTheDirection)
 {
@@ -173,6 +75,9 @@ TEST_F(Release, RecordNamesTheReasonAndThePortalOfTheDirection)
         {"anticlockwise", 3, 1, {"Allow anticlockwise! Reason: WEB"}, {{"2", "3", "0"}}},
         {"always", 0, 1, {"Allow always! Reason: UNKNOWN"}, {{"2", "0", "0"}}},
         {"clockwise", 1, 1, {}, {}},
+        // A reason without a name: its look-up fails before the line.
+        {"clockwise", 7, 1, {}, {}},
+        {"both", -1, 1, {}, {}},
         {"clockwise", 2, 0, {}, {}},
         {"both", 0, 0, {}, {}},
     };
@@ -189,15 +94,6 @@ TEST_F(Release, RecordNamesTheReasonAndThePortalOfTheDirection)
         EXPECT_EQ(debug_of("log_catra_liberated"), row.lines);
         EXPECT_EQ(rex_records(), row.records);
     }
-}
-
-TEST_F(Release, AReasonWithoutANameStillReleasesAndSaysSo)
-{
-    Trace trace;
-    release("clockwise", 7);
-    EXPECT_EQ(trace.lines(), Texts{"write r5\\0"});
-    EXPECT_EQ(debug_of("log_catra_liberated"), Texts{"Allow clockwise! Reason: unnamed reason 7"});
-    EXPECT_EQ(rex_records(), (standin::Rows{{"1", "7", "0"}}));
 }
 
 TEST_F(Release, AnActionWithoutAPortalOfThisDeviceWritesNoRecord)

@@ -183,16 +183,17 @@ void log_catra_liberated(const std::string& direction, int reason)
         return;
     }
 
-    std::ostringstream text;
-    text << "Allow " << direction << "! Reason: ";
+    std::string reason_name;
     try {
-        text << release_reason_table.at(reason);
+        reason_name = release_reason_table.at(reason);
     } catch (const std::out_of_range&) {
-        // A reason outside the table has no name; the release and its record
-        // go on with the number as it came, and the line says it is unnamed.
-        text << "unnamed reason " << reason;
+        // A reason outside the table has no name: the checked look-up fails
+        // before the debug line, so neither the line nor the record is
+        // written. The release itself goes on; the terminal stays up.
+        return;
     }
-    ac::zorlog::debug(text.str(), __FILE__, __func__, __LINE__);
+    ac::zorlog::debug("Allow " + direction + "! Reason: " + reason_name, __FILE__, __func__,
+                      __LINE__);
 
     long long action_id = 2;
     if (direction == "clockwise") {
