@@ -50,21 +50,28 @@ TEST_F(ExitRequest, EachBurstOfPressesGivesOneReleaseOneBuzzAndOneRecord)
         std::vector<std::pair<int, int>> levels;
         const char* release;
         const char* logged;
+        bool alone;  // one press: the worker waits its whole time for a second
     } bursts[] = {
-        {{{40, 0}}, "l5", "Allow anticlockwise! Reason: REX"},
-        {{{40, 0}, {41, 0}}, "b5", "Allow both! Reason: REX"},
-        {{{41, 0}, {41, 2}}, "r5", "Allow clockwise! Reason: REX"},
-        {{{42, 0}}, "b5", "Allow both! Reason: REX"},
+        {{{40, 0}}, "l5", "Allow anticlockwise! Reason: REX", true},
+        {{{40, 0}, {41, 0}}, "b5", "Allow both! Reason: REX", false},
+        {{{41, 0}, {41, 2}}, "r5", "Allow clockwise! Reason: REX", false},
+        {{{42, 0}}, "b5", "Allow both! Reason: REX", true},
         // Had level 1 counted, the second press would have joined it.
-        {{{40, 1}, {41, 0}}, "r5", "Allow clockwise! Reason: REX"},
+        {{{40, 1}, {41, 0}}, "r5", "Allow clockwise! Reason: REX", true},
     };
     for (const auto& burst : bursts) {
         SCOPED_TRACE(burst.logged + std::string(" from ") + std::to_string(burst.levels.size()) +
                      " notifications");
         logs().clear();
         const int before = buzzes();
+        const auto pressed = std::chrono::steady_clock::now();
         notify(burst.levels);
         ASSERT_TRUE(expect_commands({burst.release}));
+        // A lone press is released only once the wait for a second button
+        // is over: never earlier than 100 ms after it.
+        if (burst.alone) {
+            EXPECT_GE(std::chrono::steady_clock::now() - pressed, std::chrono::milliseconds(100));
+        }
         ASSERT_TRUE(eventually([&] { return buzzes() > before; }));
         ASSERT_TRUE(wait_idle());
         EXPECT_EQ(buzzes(), before + 1);

@@ -33,53 +33,6 @@ std::string row_name(const ::testing::TestParamInfo<Row>& info)
     return info.param.name;
 }
 
-struct ReadFailure {
-    const char* name;
-    const char* module;
-    const char* key;
-    const char* value;  // nullptr: the key is missing
-    const char* reported;
-};
-
-void PrintTo(const ReadFailure& row, std::ostream* out)
-{
-    *out << row.name;
-}
-
-class SetUpReadFailure : public ControllerSetUp,
-                         public ::testing::WithParamInterface<ReadFailure> {};
-
-TEST_P(SetUpReadFailure, ReportsTheHostTextAndOpensNothing)
-{
-    const ReadFailure& row = GetParam();
-    if (row.value == nullptr)
-        config().erase(row.module, row.key);
-    else
-        config().set(row.module, row.key, row.value);
-
-    std::string error;
-    EXPECT_FALSE(load_plugin(&error));
-    EXPECT_EQ(error, row.reported);
-    EXPECT_EQ(SyscallFaults::device_fd(), -1) << "the controller device was opened";
-    EXPECT_TRUE(SyscallFaults::device_writes().empty());
-    expect_inert();
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    EachKey, SetUpReadFailure,
-    ::testing::Values(
-        ReadFailure{"DevicePath", "catra", "device_path", nullptr,
-                    "Parameter catra.device_path not found"},
-        ReadFailure{"Fi1", "catra", "fi1", nullptr, "Parameter catra.fi1 not found"},
-        ReadFailure{"Fi2", "catra", "fi2", nullptr, "Parameter catra.fi2 not found"},
-        ReadFailure{"Sol1", "catra", "sol1", nullptr, "Parameter catra.sol1 not found"},
-        ReadFailure{"Sol2", "catra", "sol2", nullptr, "Parameter catra.sol2 not found"},
-        ReadFailure{"SelectTimeout", "catra", "select_timeout", nullptr,
-                    "Parameter catra.select_timeout not found"},
-        ReadFailure{"SelectTimeoutNotANumber", "catra", "select_timeout", "1s",
-                    "Parameter catra.select_timeout is not an integer: \"1s\""}),
-    row_name<ReadFailure>);
-
 struct WriteFailure {
     const char* name;
     int passing;  // set-up writes that succeed before the failing one

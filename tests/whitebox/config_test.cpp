@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -147,6 +148,89 @@ TEST_F(ConfigChange, AntiPassbackSettingsAreReadBackFromTheStore)
                                       : "antipassback_mode";
         EXPECT_EQ(host_key(other), "unset");
         EXPECT_TRUE(portal_actions().empty());
+    }
+}
+
+// Every configuration read, with the key missing from the store: the reads
+// that must find their key raise the host's error, the others go on with
+// what the store gives. Start-up reads of the device's settings come back as
+// init's failure text, before anything is opened.
+TEST_F(ConfigChange, EachReadOfAMissingKeyRaisesOnlyWhereTheKeyIsRequired)
+{
+    const auto set_up = [] {
+        const int line = catra_fd;
+        std::string error;
+        bool ok = false;
+        try {
+            ok = init_catra(&error);
+        } catch (...) {
+            ::close(catra_fd);
+            catra_fd = line;
+            throw;
+        }
+        const bool opened = catra_fd != line;
+        if (opened)
+            ::close(catra_fd);
+        catra_fd = line;
+        if (!ok)
+            throw ac::ac_exception(error + (opened ? " (after opening)" : ""), true);
+    };
+    const auto clockwise = [] { do_execute_command("clockwise"); };
+    const auto both = [] { do_execute_command("both"); };
+    const auto release_record = [] { log_catra_liberated("clockwise", ac::util::REX); };
+    const auto mode_reread = [] { exception_mode_config_set_callback("0"); };
+    const auto start = [] {
+        ac::Plugin plugin;
+        std::string error;
+        init(&plugin, &error);
+    };
+    const struct {
+        const char* module;
+        const char* key;
+        std::function<void()> action;
+        bool required;
+    } table[] = {
+        {"catra", "watchdog_timeout", start, true},
+        {"catra", "device_path", set_up, true},
+        {"catra", "fi1", set_up, true},
+        {"catra", "fi2", set_up, true},
+        {"catra", "sol1", set_up, true},
+        {"catra", "sol2", set_up, true},
+        {"catra", "select_timeout", set_up, true},
+        {"catra", "fi1_gpio", set_up, true},
+        {"catra", "fi2_gpio", set_up, true},
+        {"catra", "sol1_gpio", set_up, true},
+        {"catra", "sol2_gpio", set_up, true},
+        {"", "collector_gpio", set_up, true},
+        {"gpio", "catra_relay_1_enable_direction", clockwise, false},
+        {"gpio", "catra_relay_2_enable_direction", clockwise, false},
+        {"gpio", "catra_relay_1_enabled", clockwise, false},
+        {"gpio", "catra_relay_2_enabled", clockwise, false},
+        {"gpio", "catra_relay_1_gpio", clockwise, true},
+        {"gpio", "catra_relay_2_gpio", both, true},
+        {"catra", "relay_timeout", both, false},
+        {"", "catra_timeout", both, false},
+        {"", "collector_gpio", open_collector, true},
+        {"", "collector_timeout", open_collector, false},
+        {"identifier", "verbose_logging", release_record, false},
+        {"catra", "operation_mode", mode_reread, false},
+        {"catra", "gateway", mode_reread, false},
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE(std::string(row.module) + " " + row.key);
+        set_default_configuration();
+        config().set("gpio", "catra_relay_1_enabled", 1);
+        config().set("gpio", "catra_relay_2_enabled", 1);
+        config().set("gpio", "catra_relay_2_enable_direction", "right");
+        config().erase(row.module, row.key);
+        const std::string name = *row.module ? row.module + "."s + row.key : row.key;
+        std::string thrown = "nothing";
+        try {
+            row.action();
+        } catch (const ac::ac_exception& e) {
+            thrown = e.what();
+        }
+        EXPECT_EQ(thrown, row.required ? "Parameter " + name + " not found" : "nothing");
     }
 }
 
