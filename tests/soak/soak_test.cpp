@@ -28,7 +28,6 @@
 #include <cstdlib>
 #include <mutex>
 #include <random>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -65,18 +64,6 @@ long environment_number(const char* name, long fallback)
     return (end != nullptr && *end == '\0' && value > 0) ? value : fallback;
 }
 
-template <typename Condition>
-bool eventually(Condition condition, milliseconds timeout)
-{
-    const auto deadline = SteadyClock::now() + timeout;
-    while (!condition()) {
-        if (SteadyClock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(milliseconds(5));
-    }
-    return true;
-}
-
 // What the plug-in did, counted as it happens (bus and log observers run in
 // the plug-in's threads).
 struct Observed {
@@ -98,22 +85,19 @@ public:
     void add(const std::string& text)
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        texts_.push_back(text);
+        text_ += text + "\n";
         any_ = true;
     }
     bool any() const { return any_.load(); }
     std::string text() const
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        std::ostringstream out;
-        for (const std::string& text : texts_)
-            out << text << "\n";
-        return out.str();
+        return text_;
     }
 
 private:
     mutable std::mutex mutex_;
-    std::vector<std::string> texts_;
+    std::string text_;
     std::atomic<bool> any_{false};
 };
 

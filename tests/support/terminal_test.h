@@ -37,11 +37,11 @@ namespace catra_test {
 // Bound of every wait on an observed effect; only reached when a test fails.
 constexpr std::chrono::milliseconds kWait{5000};
 
-// Polls an observable effect until it holds; false when kWait runs out.
+// Polls an observable effect until it holds; false when the time-out runs out.
 template <typename Condition>
-bool eventually(Condition condition)
+bool eventually(Condition condition, std::chrono::milliseconds timeout = kWait)
 {
-    const auto deadline = std::chrono::steady_clock::now() + kWait;
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (!condition()) {
         if (std::chrono::steady_clock::now() > deadline) {
             return false;

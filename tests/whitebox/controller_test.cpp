@@ -70,11 +70,6 @@ TEST_F(Controller, EachCommandIsOneWriteOfItsTextAndNul)
         std::string bytes;
     } table[] = {{"idle", 5, "\x69\x00"s},
                  {"always", 5, "\x61\x62\x00"s},
-                 {"alwaysclockwise", 5, "ar\0"s},
-                 {"alwaysanticlockwise", 5, "al\0"s},
-                 {"clockwise", 5, "r5\0"s},
-                 {"anticlockwise", 5, "l5\0"s},
-                 {"both", 5, "b5\0"s},
                  {"clockwise", 0, "r0\0"s},
                  {"anticlockwise", 0, "l0\0"s},
                  {"both", 0, "b0\0"s},
@@ -157,21 +152,6 @@ TEST_F(Controller, TimedReleasesPulseTheRelaysOfTheirDirection)
         EXPECT_EQ(new_messages(), row.pulses);
         EXPECT_EQ(new_writes(), Texts{texts.at(row.command)});
     }
-}
-
-TEST_F(Controller, AFailedRelayReadStopsTheReleaseBeforeTheControllerIsWritten)
-{
-    config().set("gpio", "catra_relay_1_enabled", 1);
-    config().set("gpio", "catra_relay_2_enabled", 1);
-    config().set("gpio", "catra_relay_2_enable_direction", "right");
-    config().erase("gpio", "catra_relay_2_gpio");
-
-    EXPECT_EQ(thrown_text([] { do_execute_command("clockwise"); }),
-              "Parameter gpio.catra_relay_2_gpio not found");
-    EXPECT_EQ(new_messages(),
-              (Texts{"gpio_deactivate{gpio=30}", "gpio_activate{timeout=500,gpio=30}"}));
-    EXPECT_TRUE(new_writes().empty());
-    EXPECT_TRUE(log_texts(standin::LogLine::Kind::debug).empty());
 }
 
 TEST_F(Controller, NamesOutsideTheTableAreRefusedBeforeAnythingHappens)
