@@ -5,7 +5,9 @@
 #include <mutex>
 #include <sstream>
 
+#include "bytes_text.h"
 #include "standin/standin.h"
+#include "syscall_faults.h"
 
 namespace catra_test {
 
@@ -13,6 +15,16 @@ struct BusRecorder::Shared {
     mutable std::mutex mutex;
     mutable std::condition_variable recorded;
     std::vector<RecordedMessage> messages;
+    std::vector<std::string> trace;
+    std::size_t writes_seen = SyscallFaults::device_writes().size();
+
+    // REQUIRES: mutex held.
+    void take_writes()
+    {
+        const std::vector<std::string> writes = SyscallFaults::device_writes();
+        for (; writes_seen < writes.size(); ++writes_seen)
+            trace.push_back("write " + escape_bytes(writes[writes_seen]));
+    }
 };
 
 std::optional<int> RecordedMessage::int_field(const std::string& key) const
@@ -67,6 +79,8 @@ BusRecorder::BusRecorder() : shared_(std::make_shared<Shared>())
             RecordedMessage record{message.type(), message.fields(), sync};
             {
                 std::lock_guard<std::mutex> lock(shared->mutex);
+                shared->take_writes();
+                shared->trace.push_back(render(record));
                 shared->messages.push_back(std::move(record));
             }
             shared->recorded.notify_all();
@@ -94,13 +108,11 @@ std::vector<RecordedMessage> BusRecorder::of_type(const std::string& type) const
     return found;
 }
 
-std::vector<std::string> BusRecorder::types() const
+std::vector<std::string> BusRecorder::trace() const
 {
     std::lock_guard<std::mutex> lock(shared_->mutex);
-    std::vector<std::string> found;
-    for (const RecordedMessage& message : shared_->messages)
-        found.push_back(message.type);
-    return found;
+    shared_->take_writes();
+    return shared_->trace;
 }
 
 bool BusRecorder::wait_for(const std::string& type, std::size_t count,
@@ -119,6 +131,8 @@ void BusRecorder::clear()
 {
     std::lock_guard<std::mutex> lock(shared_->mutex);
     shared_->messages.clear();
+    shared_->trace.clear();
+    shared_->writes_seen = SyscallFaults::device_writes().size();
 }
 
 std::string BusRecorder::dump() const

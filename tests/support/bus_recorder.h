@@ -33,7 +33,7 @@ std::ostream& operator<<(std::ostream& out, const RecordedMessage& message);
 class BusRecorder {
 public:
     // Subscribes to standin::Bus; every message sent from then on is recorded
-    // in the sender's thread at the moment it is sent.
+    // in the sender's thread at the moment it is sent. clear() starts afresh.
     BusRecorder();
     ~BusRecorder();
     BusRecorder(const BusRecorder&) = delete;
@@ -41,7 +41,10 @@ public:
 
     std::vector<RecordedMessage> messages() const;
     std::vector<RecordedMessage> of_type(const std::string& type) const;
-    std::vector<std::string> types() const;
+    // Messages rendered as render() does and, in between, each write call on
+    // the controller device as "write <bytes>" (NULs shown as \0), in the
+    // order they happened.
+    std::vector<std::string> trace() const;
     // Waits until at least `count` messages of that type were recorded since
     // the last clear(); false on time-out.
     bool wait_for(const std::string& type, std::size_t count,

@@ -39,23 +39,6 @@ LoadedPlugin& loaded()
 
 std::atomic<bool> load_attempted{false};
 
-std::optional<int> find_int(const std::vector<ac::MessageField>& fields, const std::string& key)
-{
-    for (const ac::MessageField& field : fields)
-        if (field.key == key && field.is_int)
-            return field.int_value;
-    return std::nullopt;
-}
-
-std::optional<std::string> find_text(const std::vector<ac::MessageField>& fields,
-                                     const std::string& key)
-{
-    for (const ac::MessageField& field : fields)
-        if (field.key == key && !field.is_int)
-            return field.text;
-    return std::nullopt;
-}
-
 std::vector<ac::MessageField> message_fields(const Fields& fields)
 {
     std::vector<ac::MessageField> plain;
@@ -93,16 +76,6 @@ Field::Field(std::string key, std::string value)
 {
     field.key = std::move(key);
     field.text = std::move(value);
-}
-
-std::optional<int> Reply::int_field(const std::string& key) const
-{
-    return find_int(fields, key);
-}
-
-std::optional<std::string> Reply::text_field(const std::string& key) const
-{
-    return find_text(fields, key);
 }
 
 std::string Reply::text() const

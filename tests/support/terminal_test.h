@@ -64,9 +64,6 @@ using Fields = std::vector<Field>;
 struct Reply {
     bool replied = false;
     std::vector<ac::MessageField> fields;
-
-    std::optional<int> int_field(const std::string& key) const;
-    std::optional<std::string> text_field(const std::string& key) const;
     std::string text() const;  // reply{key=1,...}
 };
 

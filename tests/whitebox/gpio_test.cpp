@@ -17,7 +17,6 @@
 
 #include "catra_internal.h"
 #include "controller_line_test.h"
-#include "trace.h"
 
 namespace catra_test {
 namespace {
@@ -108,14 +107,14 @@ TEST_F(Gpio, QueriesAnswerInOrderOrLogWhyNot)
     };
     for (const auto& row : table) {
         SCOPED_TRACE("row " + std::to_string(&row - table + 1));
-        Trace trace;
+        recorder().clear();
         bool handled = false;
         const bool answered = row.outcome.rfind("reply{", 0) == 0;
         EXPECT_EQ(handle(row.query.handler, row.fields, row.with_reply, &handled),
                   answered ? row.outcome : "unreplied{}");
         EXPECT_EQ(handled, answered);
         EXPECT_EQ(debug_lines(), answered ? Texts{} : Texts{row.query.tag + (": " + row.outcome)});
-        EXPECT_TRUE(trace.lines().empty());
+        EXPECT_TRUE(recorder().trace().empty());
     }
 }
 
@@ -149,10 +148,10 @@ TEST_F(Gpio, SolenoidCommandSetsTheOthersToZeroFirst)
         SCOPED_TRACE("row " + std::to_string(&row - table + 1));
         catra_enabled = row.enabled;
         solenoid_values = row.levels;
-        Trace trace;
+        recorder().clear();
         bool handled = false;
         EXPECT_EQ(handle(set_solenoid_callback, row.fields, false, &handled), "unreplied{}");
-        EXPECT_EQ(trace.lines(), row.trace);
+        EXPECT_EQ(recorder().trace(), row.trace);
         EXPECT_EQ(debug_lines(), row.lines);
         EXPECT_EQ(handled, !row.trace.empty());
         EXPECT_EQ(solenoid_values, row.levels);  // follows reports only
@@ -166,11 +165,11 @@ TEST_F(Gpio, OpenCollectorPulsesTheConfiguredOutputOnlyWhileEnabled)
     for (bool enabled : {false, true}) {
         SCOPED_TRACE(enabled ? "enabled" : "disabled");
         catra_enabled = enabled;
-        Trace trace;
+        recorder().clear();
         bool handled = false;
         handle(open_collector_callback, {}, false, &handled);
         const Texts pulse = {"gpio_deactivate{gpio=33}", "gpio_activate{gpio=33,timeout=250}"};
-        EXPECT_EQ(trace.lines(), enabled ? pulse : Texts{});
+        EXPECT_EQ(recorder().trace(), enabled ? pulse : Texts{});
         EXPECT_EQ(debug_lines(), enabled ? Texts{"open_collector: open collector"} : Texts{});
         EXPECT_EQ(handled, enabled);
     }
@@ -205,7 +204,7 @@ TEST_F(Gpio, DispatchPrefersPhotoSensorThenSolenoidThenButtonholeAndStoresLevels
                      std::to_string(row.gpio) + " value " + std::to_string(row.value));
         catra_enabled = row.enabled;
         const int buzzes = standin::Buzzer::instance().count();
-        Trace trace;
+        recorder().clear();
         bool handled = false;
         handle(gpio_notified_callback, {{"gpio", row.gpio}, {"value", row.value}}, false, &handled);
         const bool exit_request = !row.trace.empty() && row.trace[0].rfind("write", 0) == 0;
@@ -220,7 +219,7 @@ TEST_F(Gpio, DispatchPrefersPhotoSensorThenSolenoidThenButtonholeAndStoresLevels
             std::lock_guard<std::mutex> lock(rex_mutex);
             EXPECT_EQ(rex_pending, 0);
         }
-        EXPECT_EQ(trace.lines(), row.trace);
+        EXPECT_EQ(recorder().trace(), row.trace);
         EXPECT_FALSE(handled);
     }
     // Levels are stored as bits; a report is announced even when unchanged.
@@ -230,14 +229,14 @@ TEST_F(Gpio, DispatchPrefersPhotoSensorThenSolenoidThenButtonholeAndStoresLevels
 
 TEST_F(Gpio, NotificationWithoutGpioOrValueIsRaised)
 {
-    Trace trace;
+    recorder().clear();
     bool handled = false;
     for (const Fields& fields : {Fields{{"gpio", 20}}, Fields{{"value", 0}}, Fields{}}) {
         EXPECT_THAT(
             [&] { handle(gpio_notified_callback, fields, false, &handled, "gpio_notified"); },
             ThrowsMessage<ac::ac_exception>(StrEq("Invalid parameters for message gpio_notified")));
     }
-    EXPECT_TRUE(trace.lines().empty());
+    EXPECT_TRUE(recorder().trace().empty());
     EXPECT_EQ(photo_sensor_values, (std::vector<bool>{false, false}));
 }
 
@@ -282,11 +281,11 @@ TEST_F(Gpio, EnablingAndDisablingHandOverTheGpiosAroundTheControllerCommand)
         if (row.write_error != 0)
             SyscallFaults::fail_next(SyscallFaults::Call::write, row.write_error);
         StderrCapture standard_error;
-        Trace trace;
+        recorder().clear();
         bool handled = false;
         handle(catra_set_enabled_callback, {{"enabled", row.requested}}, false, &handled);
 
-        EXPECT_EQ(trace.lines(), row.trace);
+        EXPECT_EQ(recorder().trace(), row.trace);
         EXPECT_EQ(catra_enabled, row.after);
         EXPECT_TRUE(handled);
         EXPECT_EQ(debug_lines(),
@@ -305,12 +304,12 @@ TEST_F(Gpio, EnablingAndDisablingHandOverTheGpiosAroundTheControllerCommand)
 TEST_F(Gpio, EnabledChangeWithoutTheFieldIsRaised)
 {
     catra_enabled = true;
-    Trace trace;
+    recorder().clear();
     bool handled = false;
     EXPECT_THAT([&] { handle(catra_set_enabled_callback, {}, false, &handled); },
                 ThrowsMessage<ac::ac_exception>(StrEq("catra enabled not found!")));
     EXPECT_TRUE(catra_enabled);
-    EXPECT_TRUE(trace.lines().empty());
+    EXPECT_TRUE(recorder().trace().empty());
 }
 
 }  // namespace

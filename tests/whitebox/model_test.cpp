@@ -25,7 +25,6 @@
 
 #include "catra_internal.h"
 #include "controller_line_test.h"
-#include "trace.h"
 
 namespace catra_test {
 
@@ -414,10 +413,10 @@ RC_GTEST_FIXTURE_PROP(Turnstile, FollowsItsDecisionTables, ())
         }
 
         const std::size_t logs_before = logs().lines().size();
-        Trace trace;
+        recorder().clear();
         run(op, static_cast<int>(step));
         Texts seen;
-        for (const std::string& line : trace.lines())
+        for (const std::string& line : recorder().trace())
             seen.push_back(std::regex_replace(line, timestamp, "timestamp=T"));
 
         RC_ASSERT(seen == model.out);

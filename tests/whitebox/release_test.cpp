@@ -12,7 +12,6 @@
 
 #include "catra_internal.h"
 #include "controller_line_test.h"
-#include "trace.h"
 
 namespace catra_test {
 namespace {
@@ -99,9 +98,9 @@ TEST_F(Release, RecordNamesTheReasonAndThePortalOfTheDirection)
 TEST_F(Release, AnActionWithoutAPortalOfThisDeviceWritesNoRecord)
 {
     config().set("host", "device_id", 7);
-    Trace trace;
+    recorder().clear();
     release("clockwise", ac::util::REX);
-    EXPECT_EQ(trace.lines(), Texts{"write r5\\0"});
+    EXPECT_EQ(recorder().trace(), Texts{"write r5\\0"});
     EXPECT_EQ(debug_of("log_catra_liberated"),
               (Texts{"Allow clockwise! Reason: REX",
                      "No portal of this device for action 3: exit-request record not written"}));
@@ -159,10 +158,10 @@ TEST_F(ReleaseRequest, FieldsDecideTheReleaseTheUuidAndTheRecord)
         if (row.record_fails)
             database().fail_next(standin::DalCall::create_log_rex);
         logs().clear();
-        Trace trace;
+        recorder().clear();
         request(row.fields);
         EXPECT_EQ(debug_of("liberate_catra_callback"), row.handler_lines);
-        EXPECT_EQ(trace.lines(), row.trace);
+        EXPECT_EQ(recorder().trace(), row.trace);
         EXPECT_EQ(release_uuid, row.uuid_after);
         EXPECT_EQ(rex_records(), row.records);
         EXPECT_EQ(logs().lines().empty(), !row.enabled);
@@ -172,13 +171,13 @@ TEST_F(ReleaseRequest, FieldsDecideTheReleaseTheUuidAndTheRecord)
 TEST_F(ReleaseRequest, AMissingDirectionIsRaisedAndChangesNothing)
 {
     release_uuid = "previous";
-    Trace trace;
+    recorder().clear();
     EXPECT_THAT(
         [&] {
             request({{"uuid", "u-1"}, {"catra_reason", 2}});
         },
         ThrowsMessage<ac::ac_exception>(StrEq("catra allow not found!")));
-    EXPECT_TRUE(trace.lines().empty());
+    EXPECT_TRUE(recorder().trace().empty());
     EXPECT_EQ(release_uuid, "previous");
     // The lock is given back on the way out.
     EXPECT_TRUE(state_mutex.try_lock());
