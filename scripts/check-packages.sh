@@ -19,7 +19,9 @@ fail() {
 # The one package file of a name and architecture.
 package_file() {
   local files=("$dir/$1"_*_"$2".deb)
-  [ "${#files[@]}" -eq 1 ] && [ -f "${files[0]}" ] || fail "expected one $1 package for $2 in $dir"
+  if [ "${#files[@]}" -ne 1 ] || [ ! -f "${files[0]}" ]; then
+    fail "expected one $1 package for $2 in $dir"
+  fi
   echo "${files[0]}"
 }
 
@@ -37,7 +39,8 @@ trap 'rm -rf "$root"' EXIT
 # libraries it needs.
 check_plugin() {
   local deb=$1 type=$2
-  local unpacked="$root/$(basename "$deb" .deb)"
+  local unpacked
+  unpacked="$root/$(basename "$deb" .deb)"
   dpkg-deb -x "$deb" "$unpacked"
   local so="$unpacked/usr/lib/catra/libcatra.so"
   [ -f "$so" ] || fail "$deb: no usr/lib/catra/libcatra.so"
@@ -48,7 +51,7 @@ check_plugin() {
   local exported
   exported=$(readelf --dyn-syms -W "$so" |
     awk '($5 == "GLOBAL" || $5 == "WEAK") && $7 != "UND" { print $8 }' | sort -u)
-  [ "$exported" = init ] || fail "$deb: libcatra.so exports more than init: $(echo $exported)"
+  [ "$exported" = init ] || fail "$deb: libcatra.so exports more than init: ${exported//$'\n'/ }"
   local needed
   needed=$(readelf -d -W "$so" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p')
   for library in $needed; do
@@ -57,7 +60,7 @@ check_plugin() {
       *) fail "$deb: libcatra.so needs $library" ;;
     esac
   done
-  echo "$(basename "$deb"): $described; exports init; needs $(echo $needed)"
+  echo "$(basename "$deb"): $described; exports init; needs ${needed//$'\n'/ }"
 }
 check_plugin "$plugin_amd64" "ELF 64-bit LSB shared object, x86-64"
 check_plugin "$plugin_armhf" "ELF 32-bit LSB shared object, ARM"
