@@ -2,12 +2,12 @@
 # The test command (what CI runs): every stage below, each printing its time.
 #   scripts/test.sh              all stages
 #   scripts/test.sh asan         one preset alone (default, asan, tsan)
-#   scripts/test.sh arm coverage static fuzz   other stages by name
+#   scripts/test.sh arm coverage static fuzz package   other stages by name
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 stages=("$@")
-[ "${#stages[@]}" -eq 0 ] && stages=(static default asan tsan coverage arm fuzz)
+[ "${#stages[@]}" -eq 0 ] && stages=(static default asan tsan coverage arm fuzz package)
 
 stage() {
   local name=$1
@@ -16,6 +16,11 @@ stage() {
   echo "==> $name"
   "$@"
   echo "<== $name: $((SECONDS - start)) s"
+}
+
+packages() {
+  scripts/package.sh
+  scripts/check-packages.sh
 }
 
 preset() {
@@ -35,6 +40,7 @@ for name in "${stages[@]}"; do
     coverage) stage "coverage" scripts/coverage.sh ;;
     arm) stage "ARM (armhf) under qemu-arm" scripts/arm.sh quick ;;
     fuzz) stage "fuzz corpus replay" scripts/fuzz.sh replay ;;
+    package) stage "Debian packages" packages ;;
     *)
       echo "unknown stage: $name" >&2
       exit 2

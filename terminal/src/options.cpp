@@ -1,24 +1,55 @@
 #include "options.h"
 
 #include <CLI/CLI.hpp>
+#include <filesystem>
+#include <system_error>
 
 #ifndef CATRA_DEFAULT_PLUGIN
 #define CATRA_DEFAULT_PLUGIN "libcatra.so"
 #endif
+#ifndef CATRA_INSTALLED_PLUGIN
+#define CATRA_INSTALLED_PLUGIN "../lib/catra/libcatra.so"
+#endif
+#ifndef CATRA_VERSION
+#define CATRA_VERSION "unknown"
+#endif
 
 namespace terminal {
+
+namespace {
+
+// The installed plug-in, found from the program's own folder (absolute when
+// the plug-in folder was set absolute); the plug-in of the build that made
+// this program when there is none, as in a build tree.
+std::string default_plugin()
+{
+    namespace fs = std::filesystem;
+    std::error_code error;
+    const fs::path program = fs::read_symlink("/proc/self/exe", error);
+    if (!error) {
+        const fs::path installed =
+            (program.parent_path() / CATRA_INSTALLED_PLUGIN).lexically_normal();
+        if (fs::is_regular_file(installed, error))
+            return installed.string();
+    }
+    return CATRA_DEFAULT_PLUGIN;
+}
+
+}  // namespace
 
 std::optional<int> parse_options(int argc, char** argv, Options& options)
 {
     CLI::App app{
         "The stand-in terminal: loads the turnstile plug-in as the terminal's host does and runs "
         "it against a simulated turnstile controller, driven by JSON commands, one per line."};
-    options.plugin = CATRA_DEFAULT_PLUGIN;
+    app.set_version_flag("--version", std::string("catra-terminal ") + CATRA_VERSION);
     app.add_option("--config", options.config,
                    "INI file: one section per configuration module, [host] for the host's own "
                    "settings, keys before any section without a module")
         ->check(CLI::ExistingFile);
-    app.add_option("--plugin", options.plugin, "the plug-in library")->capture_default_str();
+    app.add_option("--plugin", options.plugin,
+                   "the plug-in library (default: " CATRA_INSTALLED_PLUGIN
+                   " from the program's folder when installed, else the plug-in of its build)");
     app.add_option("--db", options.db, "SQLite database file (default: in memory)");
     app.add_option("--script", options.script, "commands to run (default: standard input)")
         ->check(CLI::ExistingFile);
@@ -30,6 +61,8 @@ std::optional<int> parse_options(int argc, char** argv, Options& options)
     } catch (const CLI::ParseError& e) {
         return app.exit(e);
     }
+    if (options.plugin.empty())
+        options.plugin = default_plugin();
     return std::nullopt;
 }
 

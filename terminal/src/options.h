@@ -15,8 +15,8 @@ struct Options {
 };
 
 // Fills `options` from the command line. Returns the exit code when the
-// program should end at once (after --help, or on a bad command line, which
-// it reports on standard error).
+// program should end at once (after --help or --version, or on a bad command
+// line, which it reports on standard error).
 std::optional<int> parse_options(int argc, char** argv, Options& options);
 
 }  // namespace terminal
