@@ -122,6 +122,10 @@ TEST_F(Frame, RunHandsTheWatchdogPeriodToTheQueueAndFeedsCatra)
     // The queue feeds it after each message it serves.
     EXPECT_EQ(request("catra_state").text(), "reply{state=0,default_state=0}");
     EXPECT_TRUE(eventually([&] { return watchdog.count("catra") == fed + 3; }));
+
+    // Should the queue ever stop being served, run returns 1 to the host.
+    plugin_host().stop();
+    EXPECT_EQ(plugin_host().run_result(), 1);
 }
 
 // ---------------------------------------------------------------- start-up commands

@@ -101,20 +101,5 @@ INSTANTIATE_TEST_SUITE_P(
                      "permitted"}),
     row_name<WriteFailure>);
 
-TEST_F(ControllerSetUp, AControllerThatRejectsDisableWithEinvalIsSetUp)
-{
-    SyscallFaults::fail_next(Call::write, EINVAL);
-    std::string error;
-    {
-        StderrCapture capture;
-        ASSERT_TRUE(load_plugin(&error)) << error;
-        EXPECT_EQ(capture.text().find("Nao foi possivel"), std::string::npos) << capture.text();
-    }
-    EXPECT_EQ(SyscallFaults::device_writes(), kSetUpWrites);
-    const std::string delivered = "f12\0g13\0s14\0t15\0e\0"s;
-    EXPECT_EQ(pty().read_bytes(delivered.size(), kWait), delivered);
-    EXPECT_EQ(plugin_host().plugin().listeners().size(), 10u);
-}
-
 }  // namespace
 }  // namespace catra_test

@@ -49,7 +49,6 @@ constexpr int kMessagesPerQuery = 16;
 // Bounds of the waits on the plug-in; reached only when something is wrong.
 constexpr milliseconds kCatchUp{120000};
 constexpr milliseconds kQuietWait{60000};
-constexpr milliseconds kRequestWait{30000};
 
 constexpr const char* kRefusedLeft = "ERROR: Cannot turn left  while blocked!!";
 constexpr const char* kRefusedRight = "ERROR: Cannot turn right while blocked!!";
@@ -264,8 +263,7 @@ protected:
             if (sent % kMessagesPerQuery == 0) {
                 // Answered only once the queue has handled everything sent
                 // before it: this keeps the queue short.
-                const Reply reply =
-                    request(one_of({"catra_state", "catra_catra_enabled"}), {}, kRequestWait);
+                const Reply reply = request(one_of({"catra_state", "catra_catra_enabled"}));
                 if (!reply.replied) {
                     problems_.add("a query was not answered: " + reply.text());
                     return;
@@ -380,7 +378,7 @@ TEST_F(Soak, EventThreadQueueAndExitRequestWorkersAtOnce)
     pty().write_event('l');
     EXPECT_TRUE(eventually([&] { return observed_.ready_events.load() > ready_before; }, kWait))
         << "the event thread no longer reads the controller";
-    EXPECT_TRUE(request("catra_state", {}, kRequestWait).replied);
+    EXPECT_TRUE(request("catra_state").replied);
 
     stop_reading_.store(true);
     reader.join();

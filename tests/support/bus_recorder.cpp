@@ -27,22 +27,6 @@ struct BusRecorder::Shared {
     }
 };
 
-std::optional<int> RecordedMessage::int_field(const std::string& key) const
-{
-    for (const ac::MessageField& field : fields)
-        if (field.key == key && field.is_int)
-            return field.int_value;
-    return std::nullopt;
-}
-
-std::optional<std::string> RecordedMessage::text_field(const std::string& key) const
-{
-    for (const ac::MessageField& field : fields)
-        if (field.key == key && !field.is_int)
-            return field.text;
-    return std::nullopt;
-}
-
 std::string render(const std::string& type, const std::vector<ac::MessageField>& fields)
 {
     std::ostringstream out;

@@ -17,11 +17,6 @@ struct RecordedMessage {
     std::string type;
     std::vector<ac::MessageField> fields;
     bool sync = false;
-
-    // The value of the first int (text) field of that key; nothing when there
-    // is none of that type.
-    std::optional<int> int_field(const std::string& key) const;
-    std::optional<std::string> text_field(const std::string& key) const;
 };
 
 // One line for failure messages: type{key=1,key="text"}, fields in order,

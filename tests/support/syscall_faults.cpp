@@ -7,10 +7,8 @@
 // library), found lazily with dlsym(RTLD_NEXT). Calls that do not concern the
 // device take a lock-free path.
 //
-// The checked variants that a fortified build calls instead are interposed
-// too, so that such a build cannot slip past the faults.
-
-#undef _FORTIFY_SOURCE
+// The project builds without _FORTIFY_SOURCE, so the plug-in calls these
+// names and not their checked variants.
 
 #include "syscall_faults.h"
 
@@ -294,25 +292,8 @@ int open64(const char* path, int flags, ...)
                                 static_cast<mode_t>(mode));
 }
 
-int __open_2(const char* path, int flags)
-{
-    return faults::open_through("open", faults::next_open, path, flags, 0);
-}
-
-int __open64_2(const char* path, int flags)
-{
-    return faults::open_through("open64", faults::next_open64, path, flags, 0);
-}
-
 ssize_t read(int fd, void* buffer, size_t count)
 {
-    return faults::read_through(fd, buffer, count);
-}
-
-ssize_t __read_chk(int fd, void* buffer, size_t count, size_t buffer_size)
-{
-    if (count > buffer_size)
-        faults::die("*** buffer overflow detected ***: read\n");
     return faults::read_through(fd, buffer, count);
 }
 

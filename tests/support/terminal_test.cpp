@@ -39,14 +39,6 @@ LoadedPlugin& loaded()
 
 std::atomic<bool> load_attempted{false};
 
-std::vector<ac::MessageField> message_fields(const Fields& fields)
-{
-    std::vector<ac::MessageField> plain;
-    for (const Field& entry : fields)
-        plain.push_back(entry.field);
-    return plain;
-}
-
 ac::Message* new_message(const std::string& type, const Fields& fields)
 {
     auto* message = new ac::Message(type, 0, nullptr);
@@ -166,43 +158,15 @@ void TerminalTest::send(const std::string& type, const Fields& fields)
     ac::PostOffice::send_message(new_message(type, fields));
 }
 
-Reply TerminalTest::request(const std::string& type, const Fields& fields,
-                            std::chrono::milliseconds timeout)
+// A receiver that never answers leaves the test waiting: CTest's time-out
+// then fails it.
+Reply TerminalTest::request(const std::string& type, const Fields& fields)
 {
-    // The send runs on a thread of its own, so that a receiver that never
-    // answers fails the test instead of hanging it; the reply object is shared
-    // with that thread and outlives it.
-    struct Exchange {
-        ac::MessageReply reply;
-        std::mutex mutex;
-        std::condition_variable returned;
-        bool done = false;
-    };
-    auto exchange = std::make_shared<Exchange>();
+    ac::MessageReply reply;
     ac::Message* message = new_message(type, fields);
-    message->set_reply(&exchange->reply);
-    std::thread sender([exchange, message] {
-        ac::PostOffice::send_message_sync(message);
-        {
-            std::lock_guard<std::mutex> lock(exchange->mutex);
-            exchange->done = true;
-        }
-        exchange->returned.notify_all();
-    });
-    bool done;
-    {
-        std::unique_lock<std::mutex> lock(exchange->mutex);
-        done = exchange->returned.wait_for(lock, timeout, [&] { return exchange->done; });
-    }
-    if (!done) {
-        sender.detach();
-        ADD_FAILURE() << "request " << render(type, message_fields(fields))
-                      << ": the synchronous send did not return within " << timeout.count()
-                      << " ms";
-        return Reply{};
-    }
-    sender.join();
-    return Reply{exchange->reply.replied(), exchange->reply.fields()};
+    message->set_reply(&reply);
+    ac::PostOffice::send_message_sync(message);
+    return Reply{reply.replied(), reply.fields()};
 }
 
 bool TerminalTest::expect_commands(const std::vector<std::string>& commands,

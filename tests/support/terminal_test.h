@@ -119,9 +119,7 @@ protected:
     // asynchronously, fields in the order given.
     void send(const std::string& type, const Fields& fields = {});
     // Sends a synchronous request with a reply object and returns the answer.
-    // Fails the test when the send does not return within the time-out.
-    Reply request(const std::string& type, const Fields& fields = {},
-                  std::chrono::milliseconds timeout = kWait);
+    Reply request(const std::string& type, const Fields& fields = {});
 
     // Reads the next texts written to the controller and checks them, in
     // order, against `commands` (each without its NUL). Adds a failure that

@@ -92,7 +92,7 @@ struct Model {
     long last_event = 0;
     std::array<long long, 4> counters{};  // left, right, entrance, exit turns
     Records records{{1, 1, 100}, {2, 1, 101}};
-    Texts access_events;  // name and uuid of each, oldest first
+    Texts access_events;  // module, name, uuid and device of each, oldest first
     int fd = -1;          // the controller's descriptor, as the command lines show it
     Texts out;            // what the step writes and sends
     Texts logs;           // the step's debug and error lines
@@ -137,7 +137,7 @@ struct Model {
     {
         const bool passage = event >= 7 && event <= 9;
         if (passage)
-            access_events.push_back(std::string(kEventNames[event]) + " " + uuid);
+            access_events.push_back("catra " + std::string(kEventNames[event]) + " " + uuid + " 1");
         out.push_back("catra_event{event=" + std::to_string(event) + ",event_name=\"" +
                       kEventNames[event] + "\",timestamp=T,uuid=\"" + uuid + "\",access_event_id=" +
                       std::to_string(passage ? access_events.size() : 0) + "}");
@@ -370,8 +370,9 @@ protected:
     Texts access_events()
     {
         Texts rows;
-        for (const auto& row : database().query("SELECT name, uuid FROM access_events ORDER BY id"))
-            rows.push_back(row[0] + " " + row[1]);
+        for (const auto& row : database().query(
+                 "SELECT module, name, uuid, device_id FROM access_events ORDER BY id"))
+            rows.push_back(row[0] + " " + row[1] + " " + row[2] + " " + row[3]);
         return rows;
     }
     // The debug and error lines from the `from`-th kept line on.

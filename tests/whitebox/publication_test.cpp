@@ -62,36 +62,6 @@ protected:
     std::lock_guard<std::mutex> lock_{state_mutex};
 };
 
-TEST_F(Publication, TurnStoresAnAccessEventAndPublishesItsId)
-{
-    release_uuid = "abc";
-    const time_t before = time(nullptr);
-    send_message_catra_event(CatraEvent::TURN_RIGHT);
-    const time_t after = time(nullptr);
-
-    const standin::Rows rows = access_events();
-    ASSERT_EQ(rows.size(), 1u);
-    EXPECT_EQ(rows[0][1], "catra");
-    EXPECT_EQ(rows[0][2], "TURN RIGHT");
-    EXPECT_EQ(rows[0][3], "abc");
-    EXPECT_EQ(rows[0][4], "7");
-    const long long stamp = std::stoll(rows[0][5]);
-    EXPECT_GE(stamp, before);
-    EXPECT_LE(stamp, after);
-
-    const auto events = recorder().of_type("catra_event");
-    ASSERT_EQ(events.size(), 1u);
-    EXPECT_EQ(render(events[0]),
-              render("catra_event", {
-                                        Field("event", 8).field,
-                                        Field("event_name", "TURN RIGHT").field,
-                                        Field("timestamp", int(stamp)).field,
-                                        Field("uuid", "abc").field,
-                                        Field("access_event_id", std::stoi(rows[0][0])).field,
-                                    }));
-    EXPECT_EQ(release_uuid, "");
-}
-
 TEST_F(Publication, ADataAccessFailureSendsNothingAndKeepsTheUuid)
 {
     release_uuid = "abc";
