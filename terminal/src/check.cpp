@@ -234,7 +234,7 @@ int run_checks(const CheckOptions& options, std::ostream& out)
             const std::string tally = std::to_string(outcome.met) + "/" +
                                       std::to_string(outcome.expectations) + " expectations";
             out << (outcome.passed ? "PASS  " : "FAIL  ") << std::left
-                << std::setw(static_cast<int>(width)) << scenarios[i] << "  " << std::setw(17)
+                << std::setw(static_cast<int>(width)) << scenarios[i] << "  " << std::setw(19)
                 << tally << std::right << std::setw(9) << seconds_text(outcome.seconds) << '\n';
             for (const std::string& reason : outcome.reasons)
                 out << "      " << reason << '\n';
