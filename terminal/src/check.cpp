@@ -111,9 +111,10 @@ std::string seconds_text(double seconds)
     return text.str();
 }
 
-// Text for an XML document: markup characters escaped, control characters
-// and bytes that are not UTF-8 replaced.
-std::string xml_text(const std::string& text)
+// Text for an XML document (an attribute's value when `attribute`): markup
+// characters escaped, control characters and bytes that are not UTF-8
+// replaced.
+std::string xml_text(const std::string& text, bool attribute = false)
 {
     std::string escaped;
     for (std::size_t i = 0; i < text.size();) {
@@ -136,7 +137,7 @@ std::string xml_text(const std::string& text)
             case '&': escaped += "&amp;"; break;
             case '<': escaped += "&lt;"; break;
             case '>': escaped += "&gt;"; break;
-            case '"': escaped += "&quot;"; break;
+            case '"': escaped += attribute ? "&quot;" : "\""; break;
             default:
                 if (byte < 0x20 && byte != '\n' && byte != '\t' && byte != '\r')
                     escaped += '?';
@@ -167,9 +168,9 @@ void write_junit(const std::string& path, const std::vector<std::string>& scenar
         const std::filesystem::path scenario(scenarios[i]);
         const Outcome& outcome = outcomes[i];
         std::string folder = scenario.parent_path().string();
-        file << "    <testcase classname=\"" << xml_text(folder.empty() ? "." : folder)
-             << "\" name=\"" << xml_text(scenario.filename().string()) << "\" file=\""
-             << xml_text(scenarios[i]) << "\" time=\"" << outcome.seconds << "\"";
+        file << "    <testcase classname=\"" << xml_text(folder.empty() ? "." : folder, true)
+             << "\" name=\"" << xml_text(scenario.filename().string(), true) << "\" file=\""
+             << xml_text(scenarios[i], true) << "\" time=\"" << outcome.seconds << "\"";
         if (outcome.passed) {
             file << "/>\n";
             continue;
@@ -180,8 +181,8 @@ void write_junit(const std::string& path, const std::vector<std::string>& scenar
         const std::string message = std::to_string(outcome.met) + " of " +
                                     std::to_string(outcome.expectations) + " expectations met" +
                                     (outcome.reasons.empty() ? "" : ": " + outcome.reasons[0]);
-        file << ">\n      <failure message=\"" << xml_text(message) << "\">" << xml_text(reasons)
-             << "</failure>\n      <system-out>" << xml_text(outcome.printed)
+        file << ">\n      <failure message=\"" << xml_text(message, true) << "\">"
+             << xml_text(reasons) << "</failure>\n      <system-out>" << xml_text(outcome.printed)
              << "</system-out>\n    </testcase>\n";
     }
     file << "  </testsuite>\n</testsuites>\n";
