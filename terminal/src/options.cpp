@@ -19,7 +19,8 @@ std::optional<int> parse_options(int argc, char** argv, Options& options)
                    "settings, keys before any section without a module")
         ->check(CLI::ExistingFile);
     app.add_option("--plugin", options.plugin, "the plug-in library")->capture_default_str();
-    app.add_option("--db", options.db, "SQLite database file (default: in memory)");
+    CLI::Option* db =
+        app.add_option("--db", options.db, "SQLite database file (default: in memory)");
     CLI::Option* script =
         app.add_option("--script", options.script, "commands to run (default: standard input)")
             ->check(CLI::ExistingFile);
@@ -35,7 +36,8 @@ std::optional<int> parse_options(int argc, char** argv, Options& options)
                    "configuration is --config or the scenario's \"# config: PATH\" line")
         ->expected(1, -1)
         ->excludes(script)
-        ->excludes(record);
+        ->excludes(record)
+        ->excludes(db);
     app.add_option("-j,--jobs", options.jobs, "scenarios checked at once")
         ->check(CLI::Range(1, 64))
         ->capture_default_str();
