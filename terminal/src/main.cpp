@@ -128,6 +128,22 @@ std::string own_program(const char* argv0)
     standin::end_process(code);
 }
 
+// The end of a session: what followed the last action recorded, the tally of
+// the expectations printed, and the exit status: 1 when one failed; after a
+// failed init, 0 only when the script expected the failure and all else.
+[[noreturn]] void end_session(const terminal::Script& script, terminal::Recorder* recorder,
+                              bool init_failed, SimulatedController* controller)
+{
+    if (recorder != nullptr)
+        recorder->finish();
+    script.print_tally();
+    const terminal::Script::Tally tally = script.tally();
+    bool passed = tally.met == tally.expectations;
+    if (init_failed)
+        passed = passed && tally.init_failure_expected && tally.bad_lines == 0;
+    finish(passed ? 0 : 1, controller);
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -187,7 +203,7 @@ int main(int argc, char** argv)
     std::unique_ptr<terminal::Recorder> recorder;
     if (!options.record.empty()) {
         try {
-            recorder = std::make_unique<terminal::Recorder>(options.record, output);
+            recorder = std::make_unique<terminal::Recorder>(options.record, output, options.config);
         } catch (const std::exception& e) {
             report(e.what());
             finish(1, controller.get());
@@ -209,22 +225,11 @@ int main(int argc, char** argv)
             script.refuse_actions("the plug-in did not start");
             script.run(script_file);
         }
-        if (recorder)
-            recorder->finish();
-        script.print_tally();
-        const terminal::Script::Tally tally = script.tally();
-        const bool expected =
-            tally.init_failure_expected && tally.met == tally.expectations && tally.bad_lines == 0;
-        finish(expected ? 0 : 1, controller.get());
+        end_session(script, recorder.get(), true, controller.get());
     }
     plugin.start();
 
     script.run(options.script.empty() ? std::cin : script_file);
-
     settle(output, turnstile);
-    if (recorder)
-        recorder->finish();
-    script.print_tally();
-    const terminal::Script::Tally tally = script.tally();
-    finish(tally.met == tally.expectations ? 0 : 1, controller.get());
+    end_session(script, recorder.get(), false, controller.get());
 }

@@ -1,5 +1,6 @@
 #include "recorder.h"
 
+#include <filesystem>
 #include <stdexcept>
 
 namespace terminal {
@@ -33,13 +34,21 @@ Json expectation_for(const Json& line)
     return nullptr;
 }
 
-Recorder::Recorder(const std::string& path, Output& output)
+Recorder::Recorder(const std::string& path, Output& output, const std::string& config)
     : output_(output), file_(path, std::ios::trunc)
 {
     if (!file_)
         throw std::runtime_error(path + ": cannot be written");
     file_ << "# Recorded by catra-terminal --record: each command that ran, and after each\n"
              "# action what the plug-in sent on the bus and wrote to the controller.\n";
+    if (!config.empty()) {
+        // Relative to the recorded file, as --check reads it.
+        namespace fs = std::filesystem;
+        std::error_code failed;
+        const fs::path folder = fs::absolute(path, failed).parent_path();
+        const fs::path relative = fs::relative(fs::absolute(config, failed), folder, failed);
+        file_ << "# config: " << (failed || relative.empty() ? config : relative.string()) << '\n';
+    }
     file_.flush();
 }
 

@@ -15,9 +15,10 @@ namespace terminal {
 
 class Recorder {
 public:
-    // Creates (or empties) the file; throws std::runtime_error when it cannot
-    // be written.
-    Recorder(const std::string& path, Output& output);
+    // Creates (or empties) the file, naming the session's configuration file
+    // (when there is one) on a "# config:" line for --check; throws
+    // std::runtime_error when it cannot be written.
+    Recorder(const std::string& path, Output& output, const std::string& config = "");
 
     // An action is about to act: the expectations for what was printed since
     // the previous one.

@@ -9,6 +9,7 @@
 #include <ostream>
 #include <stdexcept>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "ac/ac.h"
@@ -135,21 +136,32 @@ std::string compact(const Json& value)
     return value.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
-// The lines printed since the last action, those holding the most of the
-// pattern first (in the order printed among equals), a few of them.
+// The lines printed since the last action, nearest the pattern first (in the
+// order printed among equals), a few of them. Lines of the pattern's kind (its
+// first key and value, as "bus": "catra_event") come before the others.
 std::string nearest_lines(const std::vector<Json>& lines, const Json& pattern)
 {
     if (lines.empty())
         return "; nothing was printed since the last action";
-    std::vector<std::pair<int, const Json*>> ranked;
-    for (const Json& line : lines)
-        ranked.emplace_back(nearness(line, pattern), &line);
-    std::stable_sort(ranked.begin(), ranked.end(),
-                     [](const auto& a, const auto& b) { return a.first > b.first; });
+    const auto kind = pattern.begin();
+    struct Ranked {
+        bool same_kind;
+        int nearness;
+        const Json* line;
+    };
+    std::vector<Ranked> ranked;
+    for (const Json& line : lines) {
+        const auto found = line.is_object() ? line.find(kind.key()) : line.end();
+        const bool same_kind = line.is_object() && found != line.end() && *found == kind.value();
+        ranked.push_back({same_kind, nearness(line, pattern), &line});
+    }
+    std::stable_sort(ranked.begin(), ranked.end(), [](const Ranked& a, const Ranked& b) {
+        return std::tie(a.same_kind, a.nearness) > std::tie(b.same_kind, b.nearness);
+    });
     std::string text = "; the nearest of the " + std::to_string(lines.size()) +
                        (lines.size() == 1 ? " line" : " lines") + " printed since the last action:";
     for (std::size_t i = 0; i < ranked.size() && i < kNearestShown; ++i)
-        text += "\n    " + compact(*ranked[i].second);
+        text += "\n    " + compact(*ranked[i].line);
     if (ranked.size() > kNearestShown)
         text += "\n    (and " + std::to_string(ranked.size() - kNearestShown) + " more)";
     return text;

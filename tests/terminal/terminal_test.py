@@ -129,7 +129,7 @@ class Terminal(unittest.TestCase):
                                                                    ["uuid", "typed-1"], ["access_event_id", 1]]}},
                       lines)
         self.assertIn({"expect": {"controller": "l5"}}, lines)
-        check = run("--config", CONFIG, "--check", recorded)
+        check = run("--check", recorded)
         self.assertEqual(check.returncode, 0, check.stdout)
         self.assertRegex(check.stdout, rf"PASS  {recorded}  {len(lines) - 6}/{len(lines) - 6} expectations")
 
