@@ -2,12 +2,12 @@
 # The test command (what CI runs): every stage below, each printing its time.
 #   scripts/test.sh              all stages
 #   scripts/test.sh asan         one preset alone (default, asan, tsan)
-#   scripts/test.sh arm coverage static fuzz package   other stages by name
+#   scripts/test.sh arm coverage static fuzz scenarios package   other stages by name
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 stages=("$@")
-[ "${#stages[@]}" -eq 0 ] && stages=(static default asan tsan coverage arm fuzz package)
+[ "${#stages[@]}" -eq 0 ] && stages=(static default scenarios asan tsan coverage arm fuzz package)
 
 stage() {
   local name=$1
@@ -29,6 +29,15 @@ preset() {
   ctest --preset "$1"
 }
 
+# Every scenario (the examples and tests/scenarios) checked by the terminal
+# of the default build, one line per file, with a JUnit report beside it.
+scenarios() {
+  cmake --preset default >/dev/null
+  cmake --build --preset default --target catra-terminal catra
+  build/default/terminal/catra-terminal --plugin build/default/catra/libcatra.so -j 2 \
+    --junit build/default/scenarios.xml --check examples/*.jsonl tests/scenarios/*.jsonl
+}
+
 stage "setup" scripts/setup.sh \
   cppcheck clang-tidy-14 gcovr clang-14 libclang-rt-14-dev g++-arm-linux-gnueabihf qemu-user \
   chromium chromium-driver python3-selenium lintian help2man dpkg-dev file
@@ -37,6 +46,7 @@ for name in "${stages[@]}"; do
   case "$name" in
     default | asan | tsan) stage "build and test: $name" preset "$name" ;;
     static) stage "static analysis" scripts/static-analysis.sh ;;
+    scenarios) stage "scenarios" scenarios ;;
     coverage) stage "coverage" scripts/coverage.sh ;;
     arm) stage "ARM (armhf) under qemu-arm" scripts/arm.sh quick ;;
     fuzz) stage "fuzz corpus replay" scripts/fuzz.sh replay ;;

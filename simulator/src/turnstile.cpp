@@ -125,6 +125,17 @@ bool Turnstile::quiet() const
     return !reading_ && unread_bytes(line_.master_fd()) == 0 && unread_bytes(slave_) == 0;
 }
 
+bool Turnstile::commands_answered() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (reading_)
+        return false;
+    // poll, unlike FIONREAD, first moves what the plug-in's side wrote into
+    // the master's input, so bytes just written are not missed.
+    pollfd watched{line_.master_fd(), POLLIN, 0};
+    return ::poll(&watched, 1, 0) == 0;
+}
+
 void Turnstile::read_loop()
 {
     try {

@@ -8,16 +8,19 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <memory>
 #include <thread>
 
 #include "ac_dal/ac_dal.h"
+#include "check.h"
 #include "config_file.h"
 #include "observers.h"
 #include "options.h"
 #include "output.h"
+#include "recorder.h"
 #include "records.h"
 #include "script.h"
 #include "simulator/controller_pty.h"
@@ -93,6 +96,28 @@ void settle(Output& output, simulator::Turnstile* turnstile)
     }
 }
 
+// After a failed init: lets everything the plug-in did before it failed show.
+// The controller has read and printed every text written to the line, and
+// the bus has delivered every message (bounded by the settle limit).
+void drain(simulator::Turnstile* turnstile)
+{
+    const auto limit = std::chrono::steady_clock::now() + kSettleLimit;
+    while (std::chrono::steady_clock::now() < limit) {
+        const bool idle = standin::Bus::instance().wait_idle(100ms);
+        if (idle && (turnstile == nullptr || turnstile->commands_answered()))
+            return;
+        std::this_thread::sleep_for(10ms);
+    }
+}
+
+// catra-terminal itself, to run each scenario of a check in a process of its own.
+std::string own_program(const char* argv0)
+{
+    std::error_code failed;
+    const auto path = std::filesystem::read_symlink("/proc/self/exe", failed);
+    return failed ? std::string(argv0) : path.string();
+}
+
 [[noreturn]] void finish(int code, SimulatedController* controller)
 {
     if (controller != nullptr)
@@ -103,6 +128,22 @@ void settle(Output& output, simulator::Turnstile* turnstile)
     standin::end_process(code);
 }
 
+// The end of a session: what followed the last action recorded, the tally of
+// the expectations printed, and the exit status: 1 when one failed; after a
+// failed init, 0 only when the script expected the failure and all else.
+[[noreturn]] void end_session(const terminal::Script& script, terminal::Recorder* recorder,
+                              bool init_failed, SimulatedController* controller)
+{
+    if (recorder != nullptr)
+        recorder->finish();
+    script.print_tally();
+    const terminal::Script::Tally tally = script.tally();
+    bool passed = tally.met == tally.expectations;
+    if (init_failed)
+        passed = passed && tally.init_failure_expected && tally.bad_lines == 0;
+    finish(passed ? 0 : 1, controller);
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -110,6 +151,11 @@ int main(int argc, char** argv)
     terminal::Options options;
     if (const auto code = terminal::parse_options(argc, argv, options))
         return *code;
+    if (!options.check.empty()) {
+        return terminal::run_checks({own_program(argv[0]), options.plugin, options.config,
+                                     options.check, options.jobs, options.junit},
+                                    std::cout);
+    }
 
     std::ifstream script_file;
     if (!options.script.empty()) {
@@ -150,18 +196,40 @@ int main(int argc, char** argv)
         controller->turnstile.start();
     }
 
+    simulator::Turnstile* turnstile = controller ? &controller->turnstile : nullptr;
+    terminal::Script script(output, database, turnstile, std::cerr);
+    if (!options.script.empty())
+        script.set_source(options.script);
+    std::unique_ptr<terminal::Recorder> recorder;
+    if (!options.record.empty()) {
+        try {
+            recorder = std::make_unique<terminal::Recorder>(options.record, output, options.config);
+        } catch (const std::exception& e) {
+            report(e.what());
+            finish(1, controller.get());
+        }
+        script.set_recorder(recorder.get());
+    }
+
     standin::PluginHost plugin(options.plugin);
     std::string error;
     if (!plugin.init(&error)) {
+        // What the plug-in did before it failed comes first, then the reason.
+        // A script may expect the failure (the "init_failed" line): it runs
+        // without its actions, and the exit status is 0 when all its
+        // expectations, that one among them, are met.
+        drain(turnstile);
+        output.emit(Json{{"init_failed", error}});
         report("the plug-in did not start: " + error);
-        finish(1, controller.get());
+        if (!options.script.empty()) {
+            script.refuse_actions("the plug-in did not start");
+            script.run(script_file);
+        }
+        end_session(script, recorder.get(), true, controller.get());
     }
     plugin.start();
 
-    terminal::Script script(output, database, controller ? &controller->turnstile : nullptr,
-                            std::cerr);
     script.run(options.script.empty() ? std::cin : script_file);
-
-    settle(output, controller ? &controller->turnstile : nullptr);
-    finish(0, controller.get());
+    settle(output, turnstile);
+    end_session(script, recorder.get(), false, controller.get());
 }

@@ -50,12 +50,29 @@ std::optional<int> parse_options(int argc, char** argv, Options& options)
     app.add_option("--plugin", options.plugin,
                    "the plug-in library (default: " CATRA_INSTALLED_PLUGIN
                    " from the program's folder when installed, else the plug-in of its build)");
-    app.add_option("--db", options.db, "SQLite database file (default: in memory)");
-    app.add_option("--script", options.script, "commands to run (default: standard input)")
-        ->check(CLI::ExistingFile);
+    CLI::Option* db =
+        app.add_option("--db", options.db, "SQLite database file (default: in memory)");
+    CLI::Option* script =
+        app.add_option("--script", options.script, "commands to run (default: standard input)")
+            ->check(CLI::ExistingFile);
     app.add_flag("--json", options.json,
                  "print one JSON object per line (the default when standard output is not a "
                  "terminal)");
+    CLI::Option* record =
+        app.add_option("--record", options.record,
+                       "write the session as a scenario: each command that ran and, after each "
+                       "action, the expectations for what the plug-in did");
+    app.add_option("--check", options.check,
+                   "check these scenarios, each in a fresh terminal of its own; the "
+                   "configuration is --config or the scenario's \"# config: PATH\" line")
+        ->expected(1, -1)
+        ->excludes(script)
+        ->excludes(record)
+        ->excludes(db);
+    app.add_option("-j,--jobs", options.jobs, "scenarios checked at once")
+        ->check(CLI::Range(1, 64))
+        ->capture_default_str();
+    app.add_option("--junit", options.junit, "write the check's JUnit XML report to this file");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

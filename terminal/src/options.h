@@ -3,15 +3,20 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace terminal {
 
 struct Options {
-    std::string config;           // INI file; empty: no configuration
-    std::string plugin;           // the plug-in library to load
-    std::string db = ":memory:";  // SQLite database file
-    std::string script;           // commands; empty: standard input
-    bool json = false;            // JSON lines even on a terminal
+    std::string config;              // INI file; empty: no configuration
+    std::string plugin;              // the plug-in library to load
+    std::string db = ":memory:";     // SQLite database file
+    std::string script;              // commands; empty: standard input
+    bool json = false;               // JSON lines even on a terminal
+    std::string record;              // scenario file to write; empty: none
+    std::vector<std::string> check;  // scenarios to check; empty: run the terminal
+    int jobs = 1;                    // scenarios checked at once
+    std::string junit;               // JUnit report of the check; empty: none
 };
 
 // Fills `options` from the command line. Returns the exit code when the

@@ -1,5 +1,6 @@
 #include "output.h"
 
+#include <algorithm>
 #include <sstream>
 #include <string>
 
@@ -81,17 +82,26 @@ void Output::mark()
     since_mark_.clear();
 }
 
-bool Output::wait_for(const Json& pattern, std::chrono::milliseconds timeout)
+bool Output::wait_for(const Json& pattern, std::chrono::milliseconds timeout, Json* found)
 {
     std::unique_lock<std::mutex> lock(mutex_);
     std::size_t looked_at = 0;  // lines before this one did not match
-    return printed_.wait_for(lock, timeout, [&] {
+    const bool seen = printed_.wait_for(lock, timeout, [&] {
         for (; looked_at < since_mark_.size(); ++looked_at) {
             if (contains(since_mark_[looked_at], pattern))
                 return true;
         }
         return false;
     });
+    if (seen && found != nullptr)
+        *found = since_mark_[looked_at];
+    return seen;
+}
+
+std::vector<Json> Output::since_mark() const
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    return {since_mark_.begin(), since_mark_.end()};
 }
 
 std::chrono::steady_clock::duration Output::quiet_time() const
@@ -139,12 +149,40 @@ bool contains(const Json& line, const Json& pattern)
     return line == pattern;
 }
 
+int nearness(const Json& line, const Json& pattern)
+{
+    if (pattern.is_object()) {
+        int score = 0;
+        for (const auto& member : pattern.items()) {
+            const auto found = line.is_object() ? line.find(member.key()) : line.end();
+            if (line.is_object() && found != line.end())
+                score += nearness(*found, member.value());
+        }
+        return score;
+    }
+    if (pattern.is_array()) {
+        int score = 0;
+        for (const Json& wanted : pattern) {
+            int best = 0;
+            if (line.is_array()) {
+                for (const Json& element : line)
+                    best = std::max(best, nearness(element, wanted));
+            }
+            score += best;
+        }
+        return score;
+    }
+    return line == pattern ? 1 : 0;
+}
+
 std::string readable(const Json& line)
 {
     if (!line.is_object() || line.empty())
         return json_text(line);
     if (line.contains("note"))
         return "\n== " + text_of(line, "note");
+    if (line.contains("init_failed"))
+        return column("plug-in") + "init failed: " + text_of(line, "init_failed");
     if (line.contains("sent"))
         return column("terminal >") + text_of(line, "sent") + pairs(line.value("fields", Json()));
     if (line.contains("bus"))

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <deque>
 #include <mutex>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -28,8 +29,12 @@ public:
     // printed from the last mark on.
     void mark();
     // Waits until a line printed since the last mark contains the pattern's
-    // keys and values (see contains()); false on time-out.
-    bool wait_for(const Json& pattern, std::chrono::milliseconds timeout);
+    // keys and values (see contains()); false on time-out. The matching line
+    // goes to *found when given. Every wait and expectation of a script
+    // matches this way.
+    bool wait_for(const Json& pattern, std::chrono::milliseconds timeout, Json* found = nullptr);
+    // The lines printed since the last mark, oldest first.
+    std::vector<Json> since_mark() const;
 
     // Time since the last line was printed.
     std::chrono::steady_clock::duration quiet_time() const;
@@ -51,6 +56,11 @@ private:
 // equal one. So {"bus": "catra_event", "fields": [["event", 5]]} matches a
 // "catra_event" line whose fields include ["event", 5].
 bool contains(const Json& line, const Json& pattern);
+
+// How much of the pattern a line holds: the number of the pattern's values
+// (leaves) found in it where contains() would look. A line that contains the
+// pattern scores the pattern's number of leaves.
+int nearness(const Json& line, const Json& pattern);
 
 // The one-line readable form of an output line.
 std::string readable(const Json& line);

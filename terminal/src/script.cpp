@@ -1,5 +1,6 @@
 #include "script.h"
 
+#include <algorithm>
 #include <climits>
 #include <condition_variable>
 #include <istream>
@@ -8,10 +9,12 @@
 #include <ostream>
 #include <stdexcept>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "ac/ac.h"
 #include "observers.h"
+#include "recorder.h"
 #include "records.h"
 
 namespace terminal {
@@ -19,11 +22,18 @@ namespace terminal {
 namespace {
 
 constexpr std::chrono::milliseconds kDefaultWaitFor{5000};
+constexpr std::chrono::milliseconds kDefaultExpectNone{1000};
+constexpr std::size_t kNearestShown = 5;
 constexpr std::chrono::milliseconds kRequestTimeout{10000};
 constexpr long long kLongestWait = 3600 * 1000;
 
 // A command that cannot be run as written; its text is the error line.
 struct CommandError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// An expectation that was not met; its text is the report.
+struct Unmet : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
@@ -33,6 +43,7 @@ struct CommandKind {
     const char* name;
     std::vector<std::string> options;  // the keys allowed beside the command's own
     Handler run;
+    bool action = false;  // acts on the plug-in or the turnstile
 };
 
 std::string quoted(const std::string& text)
@@ -103,6 +114,59 @@ std::unique_ptr<ac::Message> new_message(const std::string& type, const Json& co
     return message;
 }
 
+long long milliseconds(const Json& command, const char* key, long long otherwise)
+{
+    const auto given = command.find(key);
+    if (given == command.end())
+        return otherwise;
+    return whole_number(*given, quoted(key), 0, kLongestWait);
+}
+
+const Json& pattern_of(const Json& command, const char* key)
+{
+    const Json& pattern = command.at(key);
+    if (!pattern.is_object() || pattern.empty()) {
+        throw CommandError(quoted(key) + " needs an object with the keys and values to look for");
+    }
+    return pattern;
+}
+
+std::string compact(const Json& value)
+{
+    return value.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+// The lines printed since the last action, nearest the pattern first (in the
+// order printed among equals), a few of them. Lines of the pattern's kind (its
+// first key and value, as "bus": "catra_event") come before the others.
+std::string nearest_lines(const std::vector<Json>& lines, const Json& pattern)
+{
+    if (lines.empty())
+        return "; nothing was printed since the last action";
+    const auto kind = pattern.begin();
+    struct Ranked {
+        bool same_kind;
+        int nearness;
+        const Json* line;
+    };
+    std::vector<Ranked> ranked;
+    for (const Json& line : lines) {
+        const auto found = line.is_object() ? line.find(kind.key()) : line.end();
+        const bool same_kind = line.is_object() && found != line.end() && *found == kind.value();
+        ranked.push_back({same_kind, nearness(line, pattern), &line});
+    }
+    std::stable_sort(ranked.begin(), ranked.end(), [](const Ranked& a, const Ranked& b) {
+        return std::tie(a.same_kind, a.nearness) > std::tie(b.same_kind, b.nearness);
+    });
+    std::string text = "; the nearest of the " + std::to_string(lines.size()) +
+                       (lines.size() == 1 ? " line" : " lines") + " printed since the last action:";
+    for (std::size_t i = 0; i < ranked.size() && i < kNearestShown; ++i)
+        text += "\n    " + compact(*ranked[i].line);
+    if (ranked.size() > kNearestShown)
+        text += "\n    (and " + std::to_string(ranked.size() - kNearestShown) + " more)";
+    return text;
+}
+
 void send_own(std::unique_ptr<ac::Message> message)
 {
     OwnSend own;
@@ -137,28 +201,84 @@ void Script::execute(const std::string& line, int number)
             throw CommandError("a command is one JSON object, not " +
                                std::string(command.type_name()));
         run_command(command);
+        if (recorder_ != nullptr)
+            recorder_->ran(command);
     } catch (const Json::parse_error& e) {
         error = "not valid JSON (at character " + std::to_string(e.byte) + ")";
+    } catch (const Unmet& e) {
+        errors_ << "catra-terminal: " << where(number) << e.what() << std::endl;
+        return;
     } catch (const std::exception& e) {
         error = e.what();
     }
-    if (!error.empty())
-        errors_ << "catra-terminal: line " << number << ": " << error << std::endl;
+    if (!error.empty()) {
+        ++bad_lines_;
+        errors_ << "catra-terminal: " << where(number) << error << std::endl;
+    }
+}
+
+void Script::set_source(const std::string& name)
+{
+    source_ = name;
+}
+
+void Script::set_recorder(Recorder* recorder)
+{
+    recorder_ = recorder;
+}
+
+void Script::refuse_actions(const std::string& reason)
+{
+    refusal_ = reason;
+}
+
+Script::Tally Script::tally() const
+{
+    return {expectations_, met_, bad_lines_, init_failure_expected_};
+}
+
+void Script::print_tally() const
+{
+    const Tally counted = tally();
+    if (counted.expectations == 0 && counted.bad_lines == 0)
+        return;
+    errors_ << "catra-terminal: " << (source_.empty() ? "" : source_ + ": ") << counted.met
+            << " of " << counted.expectations << " expectations met";
+    if (counted.bad_lines > 0)
+        errors_ << ", " << counted.bad_lines << (counted.bad_lines == 1 ? " line" : " lines")
+                << " not run";
+    errors_ << std::endl;
+}
+
+std::string Script::where(int number) const
+{
+    if (source_.empty())
+        return "line " + std::to_string(number) + ": ";
+    return source_ + ":" + std::to_string(number) + ": ";
+}
+
+void Script::begin_action()
+{
+    if (recorder_ != nullptr)
+        recorder_->before_action();
+    output_.mark();
 }
 
 void Script::run_command(const Json& command)
 {
     static const std::vector<CommandKind> kinds = {
-        {"send", {"fields"}, &Script::send},
-        {"request", {"fields"}, &Script::request},
-        {"config", {}, &Script::config},
-        {"gpio", {"value"}, &Script::gpio},
-        {"controller", {}, &Script::controller},
-        {"person", {}, &Script::person},
+        {"send", {"fields"}, &Script::send, true},
+        {"request", {"fields"}, &Script::request, true},
+        {"config", {}, &Script::config, true},
+        {"gpio", {"value"}, &Script::gpio, true},
+        {"controller", {}, &Script::controller, true},
+        {"person", {}, &Script::person, true},
         {"wait_ms", {}, &Script::wait_ms},
         {"dump", {}, &Script::dump},
         {"wait_for", {"timeout_ms"}, &Script::wait_for},
         {"note", {}, &Script::note},
+        {"expect", {"timeout_ms"}, &Script::expect},
+        {"expect_none", {"for_ms"}, &Script::expect_none},
     };
     if (command.empty())
         throw CommandError("an empty object: no command");
@@ -189,13 +309,15 @@ void Script::run_command(const Json& command)
         }
     }
 
+    if (kind->action && !refusal_.empty())
+        throw CommandError(quoted(kind->name) + " is not run: " + refusal_);
     (this->*kind->run)(command);
 }
 
 void Script::send(const Json& command)
 {
     std::unique_ptr<ac::Message> message = new_message(message_type(command, "send"), command);
-    output_.mark();
+    begin_action();
     send_own(std::move(message));
 }
 
@@ -213,7 +335,7 @@ void Script::request(const Json& command)
     auto exchange = std::make_shared<Exchange>();
     std::unique_ptr<ac::Message> message = new_message(type, command);
     message->set_reply(&exchange->reply);
-    output_.mark();
+    begin_action();
     std::thread sender([exchange, sent = message.release()] {
         {
             OwnSend own;
@@ -269,7 +391,7 @@ void Script::config(const Json& command)
     if (!has_value)
         throw CommandError("\"config\" needs a \"value\"");
 
-    output_.mark();
+    begin_action();
     standin::Config::instance().set(module, key, value);
     auto message = std::make_unique<ac::Message>("config_param_set", 0, nullptr);
     message->add_string("module", module);
@@ -287,7 +409,7 @@ void Script::gpio(const Json& command)
     auto message = std::make_unique<ac::Message>("gpio_notified", 0, nullptr);
     message->add_int("gpio", gpio);
     message->add_int("value", int_value(*value, "\"value\""));
-    output_.mark();
+    begin_action();
     send_own(std::move(message));
 }
 
@@ -297,7 +419,7 @@ void Script::controller(const Json& command)
     if (letters.empty() || letters.find('\0') != std::string::npos)
         throw CommandError("\"controller\" needs one or more letters");
     simulator::Turnstile& reporter = turnstile("controller");
-    output_.mark();
+    begin_action();
     reporter.report(letters);
 }
 
@@ -314,7 +436,7 @@ void Script::person(const Json& command)
                            quoted(action));
     }
     simulator::Turnstile& pushed = turnstile("person");
-    output_.mark();
+    begin_action();
     pushed.push(side);
 }
 
@@ -339,19 +461,45 @@ void Script::dump(const Json& command)
 
 void Script::wait_for(const Json& command)
 {
-    const Json& pattern = command.at("wait_for");
-    if (!pattern.is_object() || pattern.empty())
-        throw CommandError("\"wait_for\" needs an object with the keys and values to wait for");
-    std::chrono::milliseconds timeout = kDefaultWaitFor;
-    const auto given = command.find("timeout_ms");
-    if (given != command.end())
-        timeout =
-            std::chrono::milliseconds(whole_number(*given, "\"timeout_ms\"", 0, kLongestWait));
+    const Json& pattern = pattern_of(command, "wait_for");
+    const std::chrono::milliseconds timeout{
+        milliseconds(command, "timeout_ms", kDefaultWaitFor.count())};
     if (!output_.wait_for(pattern, timeout)) {
-        throw CommandError("wait_for " +
-                           pattern.dump(-1, ' ', false, Json::error_handler_t::replace) +
-                           ": no such line within " + std::to_string(timeout.count()) + " ms");
+        throw CommandError("wait_for " + compact(pattern) + ": no such line within " +
+                           std::to_string(timeout.count()) + " ms");
     }
+}
+
+void Script::expect(const Json& command)
+{
+    const Json& pattern = pattern_of(command, "expect");
+    const std::chrono::milliseconds timeout{
+        milliseconds(command, "timeout_ms", kDefaultWaitFor.count())};
+    ++expectations_;
+    Json found;
+    if (!output_.wait_for(pattern, timeout, &found)) {
+        throw Unmet("expect " + compact(pattern) + ": no such line within " +
+                    std::to_string(timeout.count()) + " ms" +
+                    nearest_lines(output_.since_mark(), pattern));
+    }
+    ++met_;
+    if (found.is_object() && found.contains("init_failed"))
+        init_failure_expected_ = true;
+}
+
+void Script::expect_none(const Json& command)
+{
+    const Json& pattern = pattern_of(command, "expect_none");
+    const std::chrono::milliseconds span{
+        milliseconds(command, "for_ms", kDefaultExpectNone.count())};
+    ++expectations_;
+    Json found;
+    if (output_.wait_for(pattern, span, &found)) {
+        throw Unmet("expect_none " + compact(pattern) + ": printed within " +
+                    std::to_string(span.count()) + " ms since the last action:\n    " +
+                    compact(found));
+    }
+    ++met_;
 }
 
 void Script::note(const Json& command)

@@ -19,12 +19,20 @@
 //                                        since the last send, request, config,
 //                                        gpio, controller or person command
 //   {"note": TEXT}                       prints the text
+//   {"expect": PATTERN, "timeout_ms": N} as wait_for, but a time-out is a
+//                                        failed expectation
+//   {"expect_none": PATTERN, "for_ms": N}
+//                                        fails when a line containing PATTERN
+//                                        is printed since the last action or
+//                                        within N ms (1000 unless told)
 //
 // Blank lines and lines starting with # are skipped. A line that is not such
 // a command is reported on the error stream with its number, and the script
-// goes on with the next line.
+// goes on with the next line; so does a failed expectation, reported with the
+// pattern and the lines nearest to it.
 #pragma once
 
+#include <atomic>
 #include <iosfwd>
 #include <string>
 
@@ -33,6 +41,8 @@
 #include "standin/standin.h"
 
 namespace terminal {
+
+class Recorder;
 
 class Script {
 public:
@@ -44,6 +54,27 @@ public:
     void run(std::istream& input);
     // Runs one line; `number` names it in error reports.
     void execute(const std::string& line, int number);
+
+    // Names the input in reports ("FILE:LINE: ..."); unnamed, "line N: ...".
+    void set_source(const std::string& name);
+    // Hands each command that ran to the recorder, and tells it before each
+    // action (send, request, config, gpio, controller, person); null: none.
+    void set_recorder(Recorder* recorder);
+    // Refuses the actions from now on, with this reason (the plug-in did not
+    // start); expectations, notes and dumps still run.
+    void refuse_actions(const std::string& reason);
+
+    struct Tally {
+        int expectations = 0;  // expect and expect_none lines run
+        int met = 0;
+        int bad_lines = 0;  // lines not run: not a command, or refused
+        // An expectation met by the {"init_failed": ...} line.
+        bool init_failure_expected = false;
+    };
+    Tally tally() const;
+    // Prints "N of M expectations met" (and the lines not run) on the error
+    // stream when there were expectations or bad lines.
+    void print_tally() const;
 
 private:
     void run_command(const Json& command);
@@ -57,12 +88,25 @@ private:
     void dump(const Json& command);
     void wait_for(const Json& command);
     void note(const Json& command);
+    void expect(const Json& command);
+    void expect_none(const Json& command);
     simulator::Turnstile& turnstile(const char* command);
+    std::string where(int number) const;
+    // Every action calls this as it starts to act: the recorder notes it, and
+    // waits and expectations look from here on.
+    void begin_action();
 
     Output& output_;
     standin::Database& database_;
     simulator::Turnstile* turnstile_;
     std::ostream& errors_;
+    std::string source_;
+    Recorder* recorder_ = nullptr;
+    std::string refusal_;  // why actions are refused; empty: they run
+    std::atomic<int> expectations_{0};
+    std::atomic<int> met_{0};
+    std::atomic<int> bad_lines_{0};
+    std::atomic<bool> init_failure_expected_{false};
 };
 
 }  // namespace terminal

@@ -80,6 +80,9 @@ public:
     // plug-in has been read and answered, and every reported letter has been
     // read by the plug-in.
     bool quiet() const;
+    // True when every command the plug-in wrote so far has been read and told
+    // to the listener, whether or not the plug-in read the answers.
+    bool commands_answered() const;
 
 private:
     struct Release {

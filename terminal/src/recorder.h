@@ -1,0 +1,45 @@
+// Writing a session down as a scenario that replays: each command that ran,
+// in order, and after each action the expectations for what followed it: the
+// messages the plug-in sent on the bus and the texts it wrote to the
+// controller, without the values that differ from run to run (timestamps).
+// What the plug-in did before the first action is expected at the top.
+#pragma once
+
+#include <fstream>
+#include <mutex>
+#include <string>
+
+#include "output.h"
+
+namespace terminal {
+
+class Recorder {
+public:
+    // Creates (or empties) the file, naming the session's configuration file
+    // (when there is one) on a "# config:" line for --check; throws
+    // std::runtime_error when it cannot be written.
+    Recorder(const std::string& path, Output& output, const std::string& config = "");
+
+    // An action is about to act: the expectations for what was printed since
+    // the previous one.
+    void before_action();
+    // A command that ran, written as it was given.
+    void ran(const Json& command);
+    // The session ends: the expectations for what followed the last action.
+    void finish();
+
+private:
+    void write_expectations();     // REQUIRES: mutex_ held
+    void write(const Json& line);  // REQUIRES: mutex_ held
+
+    Output& output_;
+    std::mutex mutex_;
+    std::ofstream file_;  // guarded by mutex_
+};
+
+// The expectation a recorded session holds for an output line; null for the
+// lines that are not expected (the terminal's own, the logs, the simulated
+// controller's answers, dumps).
+Json expectation_for(const Json& line);
+
+}  // namespace terminal
