@@ -2,6 +2,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include "live_view.h"
+
 #ifndef CATRA_DEFAULT_PLUGIN
 #define CATRA_DEFAULT_PLUGIN "libcatra.so"
 #endif
@@ -25,6 +27,10 @@ std::optional<int> parse_options(int argc, char** argv, Options& options)
     app.add_flag("--json", options.json,
                  "print one JSON object per line (the default when standard output is not a "
                  "terminal)");
+    app.add_option("--http", options.http,
+                   "[ADDR:]PORT: serve the live view there (address 127.0.0.1 unless given; "
+                   "port 0: any free one) and run until interrupted")
+        ->check([](const std::string& text) { return http_address_error(text); });
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

@@ -12,6 +12,7 @@ struct Options {
     std::string db = ":memory:";  // SQLite database file
     std::string script;           // commands; empty: standard input
     bool json = false;            // JSON lines even on a terminal
+    std::string http;             // [ADDR:]PORT of the live view; empty: none
 };
 
 // Fills `options` from the command line. Returns the exit code when the

@@ -127,9 +127,17 @@ void Script::run(std::istream& input)
 
 void Script::execute(const std::string& line, int number)
 {
+    const std::string error = run_line(line);
+    if (!error.empty())
+        errors_ << "catra-terminal: line " << number << ": " << error << std::endl;
+}
+
+std::string Script::run_line(const std::string& line)
+{
+    std::lock_guard<std::mutex> lock(line_mutex_);
     const auto first = line.find_first_not_of(" \t\r");
     if (first == std::string::npos || line[first] == '#')
-        return;
+        return "";
     std::string error;
     try {
         const Json command = Json::parse(line);
@@ -142,8 +150,7 @@ void Script::execute(const std::string& line, int number)
     } catch (const std::exception& e) {
         error = e.what();
     }
-    if (!error.empty())
-        errors_ << "catra-terminal: line " << number << ": " << error << std::endl;
+    return error;
 }
 
 void Script::run_command(const Json& command)

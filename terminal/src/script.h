@@ -26,6 +26,7 @@
 #pragma once
 
 #include <iosfwd>
+#include <mutex>
 #include <string>
 
 #include "output.h"
@@ -44,6 +45,9 @@ public:
     void run(std::istream& input);
     // Runs one line; `number` names it in error reports.
     void execute(const std::string& line, int number);
+    // Runs one line as execute does and returns its error text ("" when it
+    // ran) instead of reporting it. Lines run one at a time, from any thread.
+    std::string run_line(const std::string& line);
 
 private:
     void run_command(const Json& command);
@@ -63,6 +67,7 @@ private:
     standin::Database& database_;
     simulator::Turnstile* turnstile_;
     std::ostream& errors_;
+    std::mutex line_mutex_;
 };
 
 }  // namespace terminal
