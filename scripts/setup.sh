@@ -10,6 +10,7 @@ packages=(
   nlohmann-json3-dev libinih-dev libcli11-dev libcpp-httplib-dev
   librapidcheck-dev
   clang-format-14
+  chromium chromium-driver python3-selenium
 )
 if [ "$#" -gt 0 ]; then
   packages+=("$@")

@@ -193,8 +193,7 @@ function describe(line, kind) {
       return line.person + (line.turned ? ': the turnstile turns' : ': that side is locked');
     case 'log': return (line.function ? line.function + ': ' : '') + line.text;
     case 'dump':
-      return line.dump + ': ' + (line.rows || []).length + ' rows ' +
-          JSON.stringify(line.rows || []);
+      return line.dump + ': ' + (line.rows || []).length + ' rows';
     case 'note': return line.note;
     default: return JSON.stringify(line);
   }
