@@ -132,7 +132,8 @@ private:
 
 struct LiveView::Client {
     std::deque<Line> queue;
-    bool dropped = false;  // fell behind: its stream ends
+    std::size_t live_bytes = 0;  // queued after the history
+    bool dropped = false;        // fell behind: its stream ends
 };
 
 std::string http_address_error(const std::string& text)
@@ -181,7 +182,8 @@ void LiveView::publish(const Json& line)
         if (history_.size() > kHistoryLines)
             history_.pop_front();
         for (const auto& client : clients_) {
-            if (client->queue.size() >= kClientQueueLines)
+            client->live_bytes += text->size();
+            if (client->queue.size() >= kClientQueueLines || client->live_bytes > kClientQueueBytes)
                 client->dropped = true;
             else if (!client->dropped)
                 client->queue.push_back(text);
@@ -221,8 +223,22 @@ std::string LiveView::listen(const std::string& text)
     server_->Get("/events", [this](const httplib::Request&, httplib::Response& response) {
         events(response);
     });
-    server_->Post("/command", [this](const httplib::Request& request, httplib::Response& response) {
-        command(request, response);
+    // Read through a content reader: the library's own body reading limits
+    // form-encoded bodies (what curl and urllib send by default) to 8 KiB.
+    server_->Post("/command", [this](const httplib::Request& request, httplib::Response& response,
+                                     const httplib::ContentReader& reader) {
+        if (request.is_multipart_form_data()) {
+            response.status = 415;
+            response.set_content("a command is one line of text, not a form\n", "text/plain");
+            return;
+        }
+        std::string body;
+        if (!reader([&body](const char* data, std::size_t size) {
+                body.append(data, size);
+                return true;
+            }))
+            return;
+        command(body, response);
     });
 
     const bool bound = address.port == 0 ? (port_ = server_->bind_to_any_port(host_)) > 0
@@ -304,6 +320,7 @@ void LiveView::events(httplib::Response& response)
                 if (stopping_ || client->dropped)
                     return false;
                 lines.swap(client->queue);
+                client->live_bytes = 0;
             }
             if (lines.empty())
                 return sink.write(": \n\n", 3);
@@ -319,9 +336,8 @@ void LiveView::events(httplib::Response& response)
         });
 }
 
-void LiveView::command(const httplib::Request& request, httplib::Response& response)
+void LiveView::command(std::string line, httplib::Response& response)
 {
-    std::string line = request.body;
     while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
         line.pop_back();
     Script* script = nullptr;

@@ -31,6 +31,7 @@
 #include "standin/standin.h"
 
 namespace httplib {
+class ContentReader;
 class Server;
 struct Request;
 struct Response;
@@ -58,7 +59,9 @@ private:
 class LiveView {
 public:
     static constexpr std::size_t kHistoryLines = 1000;
+    // A page's stream falls behind by at most this much before it is dropped.
     static constexpr std::size_t kClientQueueLines = 4096;
+    static constexpr std::size_t kClientQueueBytes = 8 * 1024 * 1024;
     static constexpr std::size_t kLongestBody = 64 * 1024;
 
     // Starts keeping the output's recent lines at once, so that the page
@@ -85,7 +88,7 @@ private:
     void publish(const Json& line);
     bool allowed(const httplib::Request& request) const;
     void events(httplib::Response& response);
-    void command(const httplib::Request& request, httplib::Response& response);
+    void command(std::string line, httplib::Response& response);
     void info(httplib::Response& response) const;
 
     Output& output_;

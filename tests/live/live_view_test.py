@@ -7,6 +7,7 @@
 import os
 import re
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -55,6 +56,8 @@ try:
     url = wait_until(lambda: re.search(r'the live view is at (http://\S+/)',
                                        open(err_path).read()), 'the live view\'s address')[1]
     same_origin = {'Origin': url.rstrip('/')}
+    host, port = re.match(r'http://(.*):(\d+)/', url).groups()
+    port = int(port)
     for path, body, headers, status, text in [
             ('command', b'{"frobnicate": 1}', {}, 400, 'unknown command "frobnicate"\n'),
             ('command', b'{"person": "jump"}', same_origin, 400,
@@ -77,6 +80,24 @@ try:
     with urllib.request.urlopen(url + 'events', timeout=10) as events:
         expect(events.headers.get_content_type(), 'text/event-stream', 'events type')
         expect(events.readline().decode(), 'data: %s' % open(out_path).readline(), 'history')
+
+    # A page that reads nothing is dropped; the terminal goes on, nothing lost.
+    stalled = socket.socket()
+    stalled.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+    stalled.settimeout(30)
+    stalled.connect((host, port))
+    stalled.sendall(b'GET /events HTTP/1.1\r\nHost: %s:%d\r\n\r\n' % (host.encode(), port))
+    notes, note_size = 400, 60000
+    for number in range(notes):
+        expect(request('command', b'{"note": "%d %s"}' % (number, b'x' * note_size))[0], 200, 'note')
+    received = 0
+    while received < notes * note_size:
+        chunk = stalled.recv(1 << 16)
+        if not chunk:
+            break
+        received += len(chunk)
+    expect(received < notes * note_size, True, 'the stalled page dropped')
+    expect(open(out_path).read().count('x' * note_size), notes, 'notes printed')
 
     options = webdriver.ChromeOptions()
     options.binary_location = '/usr/bin/chromium'
