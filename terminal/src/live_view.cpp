@@ -3,6 +3,8 @@
 #include <arpa/inet.h>
 #include <httplib.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -22,6 +24,10 @@ using namespace std::chrono_literals;
 // vanished client is noticed at the next write.
 constexpr auto kHeartbeat = 10s;
 constexpr time_t kWriteTimeoutSeconds = 5;
+// An idle kept-alive connection closes after this long, so that stopping
+// does not wait for it.
+constexpr time_t kKeepAliveSeconds = 2;
+constexpr auto kShutdownGrace = 3s;
 
 struct Address {
     std::string host;
@@ -98,11 +104,26 @@ public:
                             done});
     }
 
+    // Joins the connections that end within the grace; one still running a
+    // long script line (a "wait_ms", say) is left to the end of the process,
+    // which follows the server's stop.
     void shutdown() override
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        for (auto& worker : threads_)
-            worker.thread.join();
+        std::unique_lock<std::mutex> lock(mutex_);
+        const auto deadline = std::chrono::steady_clock::now() + kShutdownGrace;
+        while (std::chrono::steady_clock::now() < deadline &&
+               std::any_of(threads_.begin(), threads_.end(),
+                           [](const Worker& worker) { return !worker.done->load(); })) {
+            lock.unlock();
+            std::this_thread::sleep_for(20ms);
+            lock.lock();
+        }
+        for (auto& worker : threads_) {
+            if (worker.done->load())
+                worker.thread.join();
+            else
+                worker.thread.detach();
+        }
         threads_.clear();
     }
 
@@ -204,6 +225,7 @@ std::string LiveView::listen(const std::string& text)
     server_->new_task_queue = [] { return new ConnectionThreads; };
     server_->set_payload_max_length(kLongestBody);
     server_->set_write_timeout(kWriteTimeoutSeconds, 0);
+    server_->set_keep_alive_timeout(kKeepAliveSeconds);
     server_->set_pre_routing_handler([this](const httplib::Request& request,
                                             httplib::Response& response) {
         if (allowed(request))

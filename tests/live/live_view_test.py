@@ -21,6 +21,9 @@ from selenium.webdriver.common.by import By
 from selenium.webdriver.support.ui import WebDriverWait
 
 program, config, folder = sys.argv[1:4]
+bad = subprocess.run([program, '--http', 'nowhere:80'], capture_output=True, text=True)
+if bad.returncode == 0 or '"nowhere" is not an IP address or localhost' not in bad.stderr:
+    raise AssertionError('--http nowhere:80: %d %s' % (bad.returncode, bad.stderr))
 out_path = os.path.join(folder, 'live_view_test.out.jsonl')
 err_path = os.path.join(folder, 'live_view_test.err.txt')
 with open(out_path, 'w') as out, open(err_path, 'w') as err:
