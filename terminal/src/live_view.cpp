@@ -200,8 +200,12 @@ void LiveView::publish(const Json& line)
     {
         std::lock_guard<std::mutex> lock(mutex_);
         history_.push_back(text);
-        if (history_.size() > kHistoryLines)
+        history_bytes_ += text->size();
+        while (history_.size() > kHistoryLines ||
+               (history_.size() > kHistoryLinesKept && history_bytes_ > kHistoryBytes)) {
+            history_bytes_ -= history_.front()->size();
             history_.pop_front();
+        }
         for (const auto& client : clients_) {
             client->live_bytes += text->size();
             if (client->queue.size() >= kClientQueueLines || client->live_bytes > kClientQueueBytes)

@@ -58,7 +58,11 @@ private:
 
 class LiveView {
 public:
+    // The history: the last 1000 lines, or as many as fit in 8 MiB but never
+    // fewer than 500.
     static constexpr std::size_t kHistoryLines = 1000;
+    static constexpr std::size_t kHistoryLinesKept = 500;
+    static constexpr std::size_t kHistoryBytes = 8 * 1024 * 1024;
     // A page's stream falls behind by at most this much before it is dropped.
     static constexpr std::size_t kClientQueueLines = 4096;
     static constexpr std::size_t kClientQueueBytes = 8 * 1024 * 1024;
@@ -103,6 +107,7 @@ private:
     std::mutex mutex_;
     std::condition_variable changed_;
     std::deque<Line> history_;                    // guarded by mutex_
+    std::size_t history_bytes_ = 0;               // guarded by mutex_
     std::list<std::shared_ptr<Client>> clients_;  // guarded by mutex_
     bool stopping_ = false;                       // guarded by mutex_
     Script* script_ = nullptr;                    // guarded by mutex_

@@ -84,24 +84,6 @@ try:
         expect(events.headers.get_content_type(), 'text/event-stream', 'events type')
         expect(events.readline().decode(), 'data: %s' % open(out_path).readline(), 'history')
 
-    # A page that reads nothing is dropped; the terminal goes on, nothing lost.
-    stalled = socket.socket()
-    stalled.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
-    stalled.settimeout(30)
-    stalled.connect((host, port))
-    stalled.sendall(b'GET /events HTTP/1.1\r\nHost: %s:%d\r\n\r\n' % (host.encode(), port))
-    notes, note_size = 400, 60000
-    for number in range(notes):
-        expect(request('command', b'{"note": "%d %s"}' % (number, b'x' * note_size))[0], 200, 'note')
-    received = 0
-    while received < notes * note_size:
-        chunk = stalled.recv(1 << 16)
-        if not chunk:
-            break
-        received += len(chunk)
-    expect(received < notes * note_size, True, 'the stalled page dropped')
-    expect(open(out_path).read().count('x' * note_size), notes, 'notes printed')
-
     options = webdriver.ChromeOptions()
     options.binary_location = '/usr/bin/chromium'
     for argument in ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic',
@@ -126,6 +108,24 @@ try:
         expect(any(line.is_displayed() for line in bus_lines), False, 'bus lines filtered out')
     finally:
         driver.quit()
+
+    # A page that reads nothing is dropped; the terminal goes on, nothing lost.
+    stalled = socket.socket()
+    stalled.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+    stalled.settimeout(30)
+    stalled.connect((host, port))
+    stalled.sendall(b'GET /events HTTP/1.1\r\nHost: %s:%d\r\n\r\n' % (host.encode(), port))
+    notes, note_size = 400, 60000
+    for number in range(notes):
+        expect(request('command', b'{"note": "%d %s"}' % (number, b'x' * note_size))[0], 200, 'note')
+    received = 0
+    while received < notes * note_size:
+        chunk = stalled.recv(1 << 16)
+        if not chunk:
+            break
+        received += len(chunk)
+    expect(received < notes * note_size, True, 'the stalled page dropped')
+    expect(open(out_path).read().count('x' * note_size), notes, 'notes printed')
 
     # SIGTERM ends the terminal cleanly, its output complete.
     terminal.send_signal(signal.SIGTERM)
