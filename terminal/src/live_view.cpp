@@ -48,11 +48,11 @@ std::string parse_address(const std::string& text, Address& address)
         in6_addr ip{};
         if (host != "localhost" && ::inet_pton(AF_INET, host.c_str(), &ip) != 1 &&
             ::inet_pton(AF_INET6, host.c_str(), &ip) != 1)
-            return "--http: \"" + host + "\" is not an IP address or localhost";
+            return "\"" + host + "\" is not an IP address or localhost";
     }
     if (port.empty() || port.size() > 5 || port.find_first_not_of("0123456789") != port.npos ||
         std::stoi(port) > 65535)
-        return "--http: the port must be a number from 0 to 65535, not \"" + port + "\"";
+        return "the port must be a number from 0 to 65535, not \"" + port + "\"";
     address.host = host;
     address.port = std::stoi(port);
     return "";
@@ -222,7 +222,7 @@ std::string LiveView::listen(const std::string& text)
     Address address;
     std::string error = parse_address(text, address);
     if (!error.empty())
-        return error;
+        return "--http: " + error;
     host_ = address.host;
 
     server_ = std::make_unique<httplib::Server>();

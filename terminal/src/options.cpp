@@ -28,7 +28,7 @@ std::optional<int> parse_options(int argc, char** argv, Options& options)
                  "print one JSON object per line (the default when standard output is not a "
                  "terminal)");
     app.add_option("--http", options.http,
-                   "[ADDR:]PORT: serve the live view there (address 127.0.0.1 unless given; "
+                   "serve the live view there (address 127.0.0.1 unless given; "
                    "port 0: any free one) and run until interrupted")
         ->type_name("[ADDR:]PORT")
         ->check([](const std::string& text) { return http_address_error(text); });
