@@ -4,6 +4,7 @@
 // database, puts a simulated turnstile controller on a pseudo-terminal unless
 // the configuration names a controller device, and runs the commands of a
 // script or of standard input, printing everything that happens.
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,11 +13,13 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <thread>
 
 #include "ac_dal/ac_dal.h"
 #include "check.h"
 #include "config_file.h"
+#include "live_view.h"
 #include "observers.h"
 #include "options.h"
 #include "output.h"
@@ -157,6 +160,12 @@ int main(int argc, char** argv)
                                     std::cout);
     }
 
+    // With the live view the terminal runs until interrupted: the stop
+    // signals are blocked before any thread starts, and taken by sigwait.
+    std::optional<terminal::StopSignals> stop_signals;
+    if (!options.http.empty())
+        stop_signals.emplace();
+
     std::ifstream script_file;
     if (!options.script.empty()) {
         script_file.open(options.script);
@@ -187,6 +196,17 @@ int main(int argc, char** argv)
     const bool json = options.json || !::isatty(STDOUT_FILENO);
     Output output(stdout, json ? terminal::Style::json : terminal::Style::readable);
     terminal::HostObservers observers(output);
+    std::unique_ptr<terminal::LiveView> live_view;
+    if (!options.http.empty()) {
+        live_view = std::make_unique<terminal::LiveView>(
+            output, config, !config.get("catra", "device_path", nullptr));
+        const std::string http_error = live_view->listen(options.http);
+        if (!http_error.empty()) {
+            report(http_error);
+            return 1;
+        }
+        report("the live view is at " + live_view->url());
+    }
     standin::install_services();
 
     std::unique_ptr<SimulatedController> controller;
@@ -229,7 +249,19 @@ int main(int argc, char** argv)
     }
     plugin.start();
 
-    script.run(options.script.empty() ? std::cin : script_file);
+    std::istream& input = options.script.empty() ? std::cin : script_file;
+    if (live_view) {
+        // The script runs beside the live view; the terminal ends on SIGINT or
+        // SIGTERM, even while the script still reads its input.
+        live_view->attach(script);
+        std::thread script_thread([&script, &input] { script.run(input); });
+        script_thread.detach();
+        const int signal = stop_signals->wait();
+        report(std::string("stopping on ") + (signal == SIGINT ? "SIGINT" : "SIGTERM"));
+        live_view->stop();
+    } else {
+        script.run(input);
+    }
     settle(output, turnstile);
     end_session(script, recorder.get(), false, controller.get());
 }

@@ -4,6 +4,8 @@
 #include <filesystem>
 #include <system_error>
 
+#include "live_view.h"
+
 #ifndef CATRA_DEFAULT_PLUGIN
 #define CATRA_DEFAULT_PLUGIN "libcatra.so"
 #endif
@@ -73,6 +75,11 @@ std::optional<int> parse_options(int argc, char** argv, Options& options)
         ->check(CLI::Range(1, 64))
         ->capture_default_str();
     app.add_option("--junit", options.junit, "write the check's JUnit XML report to this file");
+    app.add_option("--http", options.http,
+                   "serve the live view there (address 127.0.0.1 unless given; "
+                   "port 0: any free one) and run until interrupted")
+        ->type_name("[ADDR:]PORT")
+        ->check([](const std::string& text) { return http_address_error(text); });
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

@@ -17,6 +17,7 @@ struct Options {
     std::vector<std::string> check;  // scenarios to check; empty: run the terminal
     int jobs = 1;                    // scenarios checked at once
     std::string junit;               // JUnit report of the check; empty: none
+    std::string http;                // [ADDR:]PORT of the live view; empty: none
 };
 
 // Fills `options` from the command line. Returns the exit code when the

@@ -72,8 +72,23 @@ void Output::emit(const Json& line)
         print(line);
         since_mark_.push_back(line);
         last_ = std::chrono::steady_clock::now();
+        for (const auto& subscriber : subscribers_)
+            subscriber.second(line);
     }
     printed_.notify_all();
+}
+
+int Output::subscribe(std::function<void(const Json&)> subscriber)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    subscribers_.emplace(next_subscriber_, std::move(subscriber));
+    return next_subscriber_++;
+}
+
+void Output::unsubscribe(int id)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    subscribers_.erase(id);
 }
 
 void Output::mark()

@@ -6,6 +6,8 @@
 #include <condition_variable>
 #include <cstdio>
 #include <deque>
+#include <functional>
+#include <map>
 #include <mutex>
 #include <vector>
 
@@ -39,6 +41,12 @@ public:
     // Time since the last line was printed.
     std::chrono::steady_clock::duration quiet_time() const;
 
+    // Calls `subscriber` with each line from now on, in printing order, under
+    // the output's lock: it must be quick, must not block and must not emit.
+    // Returns the id that unsubscribe takes.
+    int subscribe(std::function<void(const Json&)> subscriber);
+    void unsubscribe(int id);
+
 private:
     void print(const Json& line);  // REQUIRES: mutex_ held
 
@@ -48,6 +56,10 @@ private:
     std::condition_variable printed_;
     std::deque<Json> since_mark_;                 // guarded by mutex_
     std::chrono::steady_clock::time_point last_;  // guarded by mutex_
+
+    // Guarded by mutex_.
+    std::map<int, std::function<void(const Json&)>> subscribers_;
+    int next_subscriber_ = 0;
 };
 
 // True when `line` holds what `pattern` holds: an object every key of the

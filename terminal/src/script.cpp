@@ -191,9 +191,17 @@ void Script::run(std::istream& input)
 
 void Script::execute(const std::string& line, int number)
 {
+    const std::string error = run_line(line, number);
+    if (!error.empty())
+        errors_ << "catra-terminal: " << where(number) << error << std::endl;
+}
+
+std::string Script::run_line(const std::string& line, int number)
+{
+    std::lock_guard<std::mutex> lock(line_mutex_);
     const auto first = line.find_first_not_of(" \t\r");
     if (first == std::string::npos || line[first] == '#')
-        return;
+        return "";
     std::string error;
     try {
         const Json command = Json::parse(line);
@@ -206,15 +214,16 @@ void Script::execute(const std::string& line, int number)
     } catch (const Json::parse_error& e) {
         error = "not valid JSON (at character " + std::to_string(e.byte) + ")";
     } catch (const Unmet& e) {
+        // An unmet expectation is reported, and counted, where it is met or
+        // not: the line itself ran.
         errors_ << "catra-terminal: " << where(number) << e.what() << std::endl;
-        return;
+        return "";
     } catch (const std::exception& e) {
         error = e.what();
     }
-    if (!error.empty()) {
+    if (!error.empty())
         ++bad_lines_;
-        errors_ << "catra-terminal: " << where(number) << error << std::endl;
-    }
+    return error;
 }
 
 void Script::set_source(const std::string& name)
@@ -252,6 +261,8 @@ void Script::print_tally() const
 
 std::string Script::where(int number) const
 {
+    if (number == 0)
+        return "posted line: ";
     if (source_.empty())
         return "line " + std::to_string(number) + ": ";
     return source_ + ":" + std::to_string(number) + ": ";

@@ -34,6 +34,7 @@
 
 #include <atomic>
 #include <iosfwd>
+#include <mutex>
 #include <string>
 
 #include "output.h"
@@ -54,6 +55,9 @@ public:
     void run(std::istream& input);
     // Runs one line; `number` names it in error reports.
     void execute(const std::string& line, int number);
+    // Runs one line as execute does and returns its error text ("" when it
+    // ran) instead of reporting it. Lines run one at a time, from any thread.
+    std::string run_line(const std::string& line, int number = 0);
 
     // Names the input in reports ("FILE:LINE: ..."); unnamed, "line N: ...".
     void set_source(const std::string& name);
@@ -107,6 +111,7 @@ private:
     std::atomic<int> met_{0};
     std::atomic<int> bad_lines_{0};
     std::atomic<bool> init_failure_expected_{false};
+    std::mutex line_mutex_;
 };
 
 }  // namespace terminal

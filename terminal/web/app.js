@@ -1,0 +1,314 @@
+// The live view's page: follows the terminal's output lines from /events and
+// acts through /command with lines of the script language.
+'use strict';
+
+const EVENT_NAMES = ['ALWAYS BLOCKED', 'ALWAYS FREE LEFT', 'ALWAYS FREE RIGHT',
+  'ALWAYS FREE BOTH', 'FREE LEFT', 'FREE RIGHT', 'FREE BOTH', 'TURN LEFT', 'TURN RIGHT',
+  'GIVE UP', 'BLOCKED', 'EVENT_READY', 'EVENT_NOT_READY'];
+const STATES = ['blocked', 'free anticlockwise', 'free clockwise', 'free both ways'];
+const EXCEPTION_MODES = {0: '0 none', 1: '1 free both ways', 2: '2 blocked', free: '1 free both ways',
+  blocked: '2 blocked'};
+const KINDS = ['bus', 'sent', 'reply', 'controller', 'turnstile', 'person', 'log', 'dump',
+  'note', 'other'];
+const MOST_EVENTS = 1000;
+const NEWEST_RECORDS = 10;
+
+const $ = (id) => document.getElementById(id);
+const shown = new Set(KINDS);
+let releases = 0;
+let refreshTimer = null;
+
+// ---------------------------------------------------------------- commands
+
+async function run(command) {
+  const line = typeof command === 'string' ? command : JSON.stringify(command);
+  const result = $('command-result');
+  try {
+    const response = await fetch('/command', {method: 'POST', body: line});
+    const text = (await response.text()).trim();
+    if (response.ok) {
+      result.textContent = 'ran ' + line;
+      result.className = 'note';
+    } else {
+      result.textContent = text || response.status + ' ' + response.statusText;
+      result.className = 'note error';
+    }
+    return response.ok;
+  } catch (error) {
+    result.textContent = 'the terminal does not answer: ' + error;
+    result.className = 'note error';
+    return false;
+  }
+}
+
+// The state, the enabled flag, the counters and the records, read afresh;
+// the answers come back as lines of the stream.
+function refresh() {
+  run({request: 'catra_state'});
+  run({request: 'catra_catra_enabled'});
+  refreshRecords();
+}
+
+function refreshRecords() {
+  run({dump: 'counters'});
+  run({dump: 'access_events'});
+  run({dump: 'access_logs'});
+}
+
+function refreshSoon() {
+  clearTimeout(refreshTimer);
+  refreshTimer = setTimeout(refreshRecords, 250);
+}
+
+// ---------------------------------------------------------------- the turnstile
+
+function fieldsOf(line) {
+  const fields = {};
+  for (const field of line.fields || []) {
+    if (Array.isArray(field) && field.length === 2) fields[field[0]] = field[1];
+  }
+  return fields;
+}
+
+function showState(state) {
+  $('state').textContent = STATES[state] === undefined ? String(state) : STATES[state];
+  const left = state === 1 || state === 3;
+  const right = state === 2 || state === 3;
+  $('side-left').classList.toggle('free', left);
+  $('side-right').classList.toggle('free', right);
+  $('label-left').classList.toggle('free', left);
+  $('label-right').classList.toggle('free', right);
+  $('turnstile').classList.toggle('left-free', left);
+  $('turnstile').classList.toggle('right-free', right);
+}
+
+function showDefaultState(state) {
+  $('default-state').textContent = STATES[state] === undefined ? String(state) : STATES[state];
+}
+
+function showEnabled(enabled) {
+  $('enabled').textContent = Number(enabled) ? 'yes' : 'no';
+}
+
+function showOperationMode(mode) {
+  $('operation-mode').textContent = mode || '(not set: blocked)';
+  if (mode) $('operation-mode-choice').value = mode;
+}
+
+function showExceptionMode(mode) {
+  const key = String(mode || '0');
+  $('exception-mode').textContent = EXCEPTION_MODES[key] || key;
+}
+
+function row(values) {
+  const tr = document.createElement('tr');
+  for (const value of values) {
+    const td = document.createElement('td');
+    td.textContent = value === undefined || value === null ? '' : String(value);
+    tr.appendChild(td);
+  }
+  return tr;
+}
+
+function showRows(id, rows, columns) {
+  const body = $(id).querySelector('tbody');
+  body.replaceChildren(...rows.slice(-NEWEST_RECORDS).reverse().map(
+      (r) => row(columns.map((c) => c === 'timestamp' || c === 'time' ? time(r[c]) : r[c]))));
+}
+
+function time(seconds) {
+  if (typeof seconds !== 'number') return seconds;
+  return new Date(seconds * 1000).toLocaleTimeString();
+}
+
+function showDump(line) {
+  const rows = line.rows || [];
+  if (line.dump === 'counters') {
+    for (const counter of rows) {
+      const cell = $('counter-' + counter.name);
+      if (cell) cell.textContent = counter.value;
+    }
+  } else if (line.dump === 'access_events') {
+    showRows('access-events', rows, ['id', 'name', 'uuid', 'device_id', 'timestamp']);
+  } else if (line.dump === 'access_logs') {
+    showRows('access-logs', rows, ['id', 'user_id', 'portal_id', 'time', 'event', 'reason',
+      'uuid']);
+  }
+}
+
+// What one output line tells about the turnstile.
+function follow(line) {
+  const fields = fieldsOf(line);
+  if (line.bus === 'catra_state_changed') {
+    showState(fields.state);
+  } else if (line.bus === 'catra_default_state_changed') {
+    showDefaultState(fields.default_state);
+  } else if (line.bus === 'catra_catra_enabled_changed') {
+    showEnabled(fields.enabled);
+  } else if (line.bus === 'catra_event') {
+    refreshSoon();
+  } else if (line.reply === 'catra_state' && line.replied) {
+    showState(fields.state);
+    showDefaultState(fields.default_state);
+  } else if (line.reply === 'catra_catra_enabled' && line.replied) {
+    showEnabled(fields.enabled);
+  } else if (line.sent === 'config_param_set') {
+    if (fields.param === 'operation_mode' && fields.module === 'catra') {
+      showOperationMode(fields.value);
+    } else if (fields.param === 'exception_mode' && fields.module !== 'catra' &&
+               fields.module !== 'identifier') {
+      showExceptionMode(fields.value);
+    }
+  } else if (line.dump) {
+    showDump(line);
+  }
+}
+
+// ---------------------------------------------------------------- the events
+
+function kindOf(line) {
+  for (const kind of KINDS) {
+    if (kind !== 'other' && Object.prototype.hasOwnProperty.call(line, kind)) return kind;
+  }
+  return 'other';
+}
+
+function pairs(fields) {
+  return (fields || []).map((f) => Array.isArray(f) ? f[0] + '=' + JSON.stringify(f[1]) : '')
+      .join(' ');
+}
+
+function describe(line, kind) {
+  switch (kind) {
+    case 'bus': return line.bus + ' ' + pairs(line.fields);
+    case 'sent': return line.sent + ' ' + pairs(line.fields);
+    case 'reply':
+      return line.reply + (line.replied ? ' ' + pairs(line.fields) : ': not replied');
+    case 'controller': return '< ' + line.controller;
+    case 'turnstile': {
+      const name = EVENT_NAMES[String(line.turnstile).charCodeAt(0) - 97];
+      return '> ' + line.turnstile + '  ' + (name || 'UNKNOWN EVENT');
+    }
+    case 'person':
+      return line.person + (line.turned ? ': the turnstile turns' : ': that side is locked');
+    case 'log': return (line.function ? line.function + ': ' : '') + line.text;
+    case 'dump':
+      return line.dump + ': ' + (line.rows || []).length + ' rows';
+    case 'note': return line.note;
+    default: return JSON.stringify(line);
+  }
+}
+
+function addEvent(line) {
+  const kind = kindOf(line);
+  const item = document.createElement('li');
+  item.className = kind + (shown.has(kind) ? '' : ' hidden-kind');
+  item.dataset.kind = kind;
+  const label = document.createElement('span');
+  label.className = 'kind';
+  label.textContent = kind === 'log' ? line.log : kind;
+  item.append(label, describe(line, kind));
+  const list = $('events');
+  list.insertBefore(item, list.firstChild);
+  while (list.childElementCount > MOST_EVENTS) list.lastChild.remove();
+}
+
+function buildFilters() {
+  for (const kind of KINDS) {
+    const label = document.createElement('label');
+    const box = document.createElement('input');
+    box.type = 'checkbox';
+    box.checked = true;
+    box.id = 'filter-' + kind;
+    box.addEventListener('change', () => {
+      if (box.checked) shown.add(kind); else shown.delete(kind);
+      for (const item of $('events').children) {
+        item.classList.toggle('hidden-kind', !shown.has(item.dataset.kind));
+      }
+    });
+    label.append(box, ' ' + kind);
+    $('filters').appendChild(label);
+  }
+}
+
+// ---------------------------------------------------------------- set-up
+
+function connect() {
+  const source = new EventSource('/events');
+  source.onopen = () => {
+    $('connection').textContent = 'connected';
+    $('connection').className = 'connection up';
+    // A reconnection replays the history: start the list afresh.
+    $('events').replaceChildren();
+    refresh();
+  };
+  source.onerror = () => {
+    $('connection').textContent = 'disconnected: retrying';
+    $('connection').className = 'connection down';
+  };
+  source.onmessage = (message) => {
+    let line;
+    try {
+      line = JSON.parse(message.data);
+    } catch (error) {
+      return;
+    }
+    addEvent(line);
+    follow(line);
+  };
+}
+
+async function learn() {
+  const info = await (await fetch('/info')).json();
+  showOperationMode(info.operation_mode);
+  showExceptionMode(info.exception_mode);
+  $('exception-mode-choice').value =
+      {free: '1', blocked: '2'}[info.exception_mode] || info.exception_mode || '0';
+  $('controller-kind').textContent = info.simulated ? 'simulated' : info.device_path;
+  if (!info.simulated) {
+    for (const id of ['turn-left', 'turn-right']) $(id).disabled = true;
+    $('person-note').hidden = false;
+    $('person-note').textContent = 'A real controller is connected (catra.device_path = ' +
+        info.device_path + '): a person turns the real turnstile.';
+    for (const id of ['turn-left', 'turn-right']) $(id).title = $('person-note').textContent;
+  }
+  const sides = ['anticlockwise', 'clockwise', 'both ways'];
+  info.buttonholes.forEach((gpio, index) => {
+    const button = document.createElement('button');
+    button.id = 'exit-request-' + (index + 1);
+    button.textContent = (index + 1) + ' (GPIO ' + gpio + ')';
+    button.title = 'press exit-request button ' + (index + 1) + ': releases ' +
+        (sides[index] || '');
+    button.addEventListener('click', () => run({gpio: gpio, value: 0}));
+    $('buttonholes').appendChild(button);
+  });
+  if (info.buttonholes.length === 0) $('buttonholes').textContent = 'none configured';
+}
+
+function wire() {
+  for (const button of document.querySelectorAll('button[data-command]')) {
+    button.addEventListener('click', () => run(button.dataset.command));
+  }
+  for (const button of document.querySelectorAll('button[data-direction]')) {
+    button.addEventListener('click', () => {
+      const uuid = $('release-uuid').value.trim() || 'web-' + Date.now() + '-' + (++releases);
+      run({send: 'liberate_catra', fields: {catra_direction: button.dataset.direction,
+        uuid: uuid, catra_reason: Number($('release-reason').value)}});
+    });
+  }
+  $('set-operation-mode').addEventListener('click', () => run(
+      {config: {module: 'catra', key: 'operation_mode', value: $('operation-mode-choice').value}}));
+  $('set-exception-mode').addEventListener('click', () => run(
+      {config: {module: 'host', key: 'exception_mode', value: $('exception-mode-choice').value}}));
+  $('script-form').addEventListener('submit', (event) => {
+    event.preventDefault();
+    const line = $('script-line').value.trim();
+    if (line) run(line);
+  });
+}
+
+buildFilters();
+wire();
+learn().catch((error) => {
+  $('command-result').textContent = 'cannot read /info: ' + error;
+}).finally(connect);

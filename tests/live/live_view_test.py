@@ -1,0 +1,137 @@
+#!/usr/bin/python3
+# The live view end to end: catra-terminal --http on a free port, its endpoints
+# and refusals through urllib, then the page in headless Chromium: a clockwise
+# release and a right turn show TURN RIGHT and the right-turn counter at 1.
+# Arguments: the terminal program, its configuration, the folder for the
+# screenshot and the terminal's output.
+import os
+import re
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import urllib.error
+import urllib.request
+
+from selenium import webdriver
+from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.common.by import By
+from selenium.webdriver.support.ui import WebDriverWait
+
+program, config, folder = sys.argv[1:4]
+bad = subprocess.run([program, '--http', 'nowhere:80'], capture_output=True, text=True)
+if bad.returncode == 0 or '"nowhere" is not an IP address or localhost' not in bad.stderr:
+    raise AssertionError('--http nowhere:80: %d %s' % (bad.returncode, bad.stderr))
+out_path = os.path.join(folder, 'live_view_test.out.jsonl')
+err_path = os.path.join(folder, 'live_view_test.err.txt')
+with open(out_path, 'w') as out, open(err_path, 'w') as err:
+    terminal = subprocess.Popen([program, '--config', config, '--http', '0', '--json'],
+                                stdin=subprocess.DEVNULL, stdout=out, stderr=err)
+
+
+def wait_until(check, what, seconds=20):
+    deadline = time.monotonic() + seconds
+    while time.monotonic() < deadline:
+        value = check()
+        if value:
+            return value
+        time.sleep(0.05)
+    raise AssertionError('not seen within %d s: %s' % (seconds, what))
+
+
+def request(path, body=None, headers=None):
+    req = urllib.request.Request(url + path, data=body, headers=headers or {})
+    try:
+        with urllib.request.urlopen(req, timeout=10) as response:
+            return response.status, response.read().decode()
+    except urllib.error.HTTPError as error:
+        return error.code, error.read().decode()
+
+
+def expect(actual, wanted, what):
+    if actual != wanted:
+        raise AssertionError('%s: %r, wanted %r' % (what, actual, wanted))
+
+
+try:
+    url = wait_until(lambda: re.search(r'the live view is at (http://\S+/)',
+                                       open(err_path).read()), 'the live view\'s address')[1]
+    same_origin = {'Origin': url.rstrip('/')}
+    host, port = re.match(r'http://(.*):(\d+)/', url).groups()
+    port = int(port)
+    for path, body, headers, status, text in [
+            ('command', b'{"frobnicate": 1}', {}, 400, 'unknown command "frobnicate"\n'),
+            ('command', b'{"person": "jump"}', same_origin, 400,
+             '"person" must be "turn_left" or "turn_right", not "jump"\n'),
+            ('command', b'{"note": "one\\ntwo"}\n', same_origin, 200, ''),
+            ('command', b'#' * (64 * 1024 + 1), {}, 413, ''),
+            ('info', None, {'Host': 'evil.example'}, 403, None),
+            ('command', b'{"note": "x"}', {'Origin': 'http://evil.example'}, 403, None),
+            ('info', None, {}, 200,
+             '{"simulated":true,"device_path":"%s","buttonholes":[40,41,42],'
+             '"operation_mode":"blocked","exception_mode":"0","gateway":"clockwise"}'),
+    ]:
+        got_status, got_text = request(path, body, headers)
+        if text and '%s' in text:
+            text = text % re.search(r'"device_path":"([^"]*)"', got_text)[1]
+        expect((got_status, got_text if text is not None else None), (status, text),
+               '%s %r %r' % (path, body and body[:30], headers))
+
+    # The stream starts with the history: the terminal's first output line.
+    with urllib.request.urlopen(url + 'events', timeout=10) as events:
+        expect(events.headers.get_content_type(), 'text/event-stream', 'events type')
+        expect(events.readline().decode(), 'data: %s' % open(out_path).readline(), 'history')
+
+    options = webdriver.ChromeOptions()
+    options.binary_location = '/usr/bin/chromium'
+    for argument in ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic',
+                     '--no-first-run', '--disable-background-networking',
+                     '--disable-component-update', '--disable-sync', '--window-size=1400,1150',
+                     '--user-data-dir=' + tempfile.mkdtemp(prefix='live-view-chromium-')]:
+        options.add_argument(argument)
+    driver = webdriver.Chrome(service=Service('/usr/bin/chromedriver'), options=options)
+    try:
+        driver.get(url)
+        text = lambda id: driver.find_element(By.ID, id).text
+        page = WebDriverWait(driver, 20)
+        page.until(lambda _: text('connection') == 'connected' and text('state') == 'blocked')
+        driver.find_element(By.ID, 'release-clockwise').click()
+        page.until(lambda _: text('state') == 'free clockwise')
+        driver.find_element(By.ID, 'turn-right').click()
+        page.until(lambda _: 'TURN RIGHT' in text('events') and text('counter-right_turns') == '1')
+        page.until(lambda _: 'TURN RIGHT' in text('access-events'))
+        driver.save_screenshot(os.path.join(folder, 'live-view.png'))
+        driver.find_element(By.ID, 'filter-bus').click()
+        bus_lines = driver.find_elements(By.CSS_SELECTOR, '#events li.bus')
+        expect(any(line.is_displayed() for line in bus_lines), False, 'bus lines filtered out')
+    finally:
+        driver.quit()
+
+    # A page that reads nothing is dropped; the terminal goes on, nothing lost.
+    stalled = socket.socket()
+    stalled.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+    stalled.settimeout(30)
+    stalled.connect((host, port))
+    stalled.sendall(b'GET /events HTTP/1.1\r\nHost: %s:%d\r\n\r\n' % (host.encode(), port))
+    notes, note_size = 400, 60000
+    for number in range(notes):
+        expect(request('command', b'{"note": "%d %s"}' % (number, b'x' * note_size))[0], 200, 'note')
+    received = 0
+    while received < notes * note_size:
+        chunk = stalled.recv(1 << 16)
+        if not chunk:
+            break
+        received += len(chunk)
+    expect(received < notes * note_size, True, 'the stalled page dropped')
+    expect(open(out_path).read().count('x' * note_size), notes, 'notes printed')
+
+    # SIGTERM ends the terminal cleanly, its output complete.
+    terminal.send_signal(signal.SIGTERM)
+    expect(terminal.wait(timeout=30), 0, 'exit code')
+    expect('["event_name","TURN RIGHT"]' in open(out_path).read(), True, 'TURN RIGHT printed')
+finally:
+    if terminal.poll() is None:
+        terminal.kill()
+print('live view: 1 passed, 0 failed')
