@@ -99,7 +99,17 @@ Threads& Threads::instance()
 void Threads::named(const std::string& name, unsigned long thread)
 {
     std::lock_guard<std::mutex> lock(mutex_);
+    if (failures_ > 0) {
+        --failures_;
+        throw ac::ac_exception("thread naming failure", true);
+    }
     names_.push_back(ThreadName{name, thread});
+}
+
+void Threads::fail_next(int times)
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    failures_ = times;
 }
 
 std::vector<ThreadName> Threads::names() const

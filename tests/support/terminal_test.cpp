@@ -53,6 +53,16 @@ ac::Message* new_message(const std::string& type, const Fields& fields)
 
 }  // namespace
 
+std::string thrown_text(const std::function<void()>& call)
+{
+    try {
+        call();
+    } catch (const ac::ac_exception& e) {
+        return e.what() + std::string(e.flag() ? "" : " (flag false)");
+    }
+    return "";
+}
+
 // ------------------------------------------------------------------ Field, Reply
 
 Field::Field(std::string key, int value)

@@ -17,6 +17,7 @@
 
 #include <chrono>
 #include <ctime>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -50,6 +51,11 @@ bool eventually(Condition condition, std::chrono::milliseconds timeout = kWait)
     }
     return true;
 }
+
+// What the call raised: the text of its ac::ac_exception, with " (flag
+// false)" added when the exception's flag is not set (the plug-in sets it at
+// every throw); "" when nothing was raised.
+std::string thrown_text(const std::function<void()>& call);
 
 // A message field for send() and request(): {"key", 5} or {"key", "text"}.
 struct Field {

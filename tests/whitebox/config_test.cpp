@@ -224,14 +224,20 @@ TEST_F(ConfigChange, EachReadOfAMissingKeyRaisesOnlyWhereTheKeyIsRequired)
         config().set("gpio", "catra_relay_2_enable_direction", "right");
         config().erase(row.module, row.key);
         const std::string name = *row.module ? row.module + "."s + row.key : row.key;
-        std::string thrown = "nothing";
-        try {
-            row.action();
-        } catch (const ac::ac_exception& e) {
-            thrown = e.what();
-        }
-        EXPECT_EQ(thrown, row.required ? "Parameter " + name + " not found" : "nothing");
+        EXPECT_EQ(thrown_text(row.action), row.required ? "Parameter " + name + " not found" : "");
     }
+
+    // With every key in place: the wait's time-out in seconds and
+    // microseconds, and the GPIO numbers in their lists.
+    set_default_configuration();
+    config().set("catra", "select_timeout", 1500);
+    EXPECT_EQ(thrown_text(set_up), "");
+    EXPECT_EQ(select_timeval.tv_sec, 1);
+    EXPECT_EQ(select_timeval.tv_usec, 500000);
+    EXPECT_EQ(photo_sensor_gpios, (std::vector<int>{kFi1Gpio, kFi2Gpio}));
+    EXPECT_EQ(solenoid_gpios, (std::vector<int>{kSol1Gpio, kSol2Gpio, kCollectorGpio}));
+    EXPECT_EQ(solenoid_values, (std::vector<bool>{false, false, false}));
+    EXPECT_EQ(photo_sensor_values, (std::vector<bool>{false, false}));
 }
 
 }  // namespace

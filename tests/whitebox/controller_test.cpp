@@ -2,6 +2,7 @@
 // releases, the disable write, the return to the default mode, and the
 // refusal of writes once the device is closed.
 #include <fcntl.h>
+#include <sys/select.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -23,16 +24,6 @@ namespace {
 using namespace std::string_literals;
 using Call = SyscallFaults::Call;
 using Texts = std::vector<std::string>;
-
-std::string thrown_text(const std::function<void()>& call)
-{
-    try {
-        call();
-    } catch (const ac::ac_exception& e) {
-        return e.what();
-    }
-    return "<nothing thrown>";
-}
 
 // catra_fd open on the controller line; the commands run with state_mutex
 // held, as their callers hold it.
@@ -243,6 +234,26 @@ TEST_F(Controller, AfterTheDeviceIsClosedNoCommandReachesItsNumber)
     EXPECT_EQ(errno, EAGAIN);
     for (int fd : {ends[0], ends[1], number})
         ::close(fd);
+}
+
+// The event thread names itself and needs a descriptor that select can
+// watch; without one it says so once and ends, and a failure to name the
+// thread is logged and not raised.
+TEST_F(Controller, AnEventThreadWithoutAWatchableDeviceSaysSoAndEnds)
+{
+    standin::Threads::instance().fail_next();
+    const int line = catra_fd;
+    for (const int fd : {-1, FD_SETSIZE}) {
+        catra_fd = fd;
+        logs().clear();
+        do_catra_run();
+        const std::string refusal = "catra_run: controller descriptor " + std::to_string(fd) +
+                                    " cannot be watched; turnstile events will not be read";
+        const Texts expected =
+            fd < 0 ? Texts{"catra_run: thread naming failure", refusal} : Texts{refusal};
+        EXPECT_EQ(log_texts(standin::LogLine::Kind::error), expected);
+    }
+    catra_fd = line;
 }
 
 }  // namespace

@@ -22,8 +22,6 @@ namespace catra_test {
 namespace {
 
 using namespace std::string_literals;
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
 using Texts = std::vector<std::string>;
 
 // The plug-in's code with the controller line as its device, the turnstile
@@ -232,9 +230,10 @@ TEST_F(Gpio, NotificationWithoutGpioOrValueIsRaised)
     recorder().clear();
     bool handled = false;
     for (const Fields& fields : {Fields{{"gpio", 20}}, Fields{{"value", 0}}, Fields{}}) {
-        EXPECT_THAT(
-            [&] { handle(gpio_notified_callback, fields, false, &handled, "gpio_notified"); },
-            ThrowsMessage<ac::ac_exception>(StrEq("Invalid parameters for message gpio_notified")));
+        EXPECT_EQ(thrown_text([&] {
+                      handle(gpio_notified_callback, fields, false, &handled, "gpio_notified");
+                  }),
+                  "Invalid parameters for message gpio_notified");
     }
     EXPECT_TRUE(recorder().trace().empty());
     EXPECT_EQ(photo_sensor_values, (std::vector<bool>{false, false}));
@@ -306,8 +305,8 @@ TEST_F(Gpio, EnabledChangeWithoutTheFieldIsRaised)
     catra_enabled = true;
     recorder().clear();
     bool handled = false;
-    EXPECT_THAT([&] { handle(catra_set_enabled_callback, {}, false, &handled); },
-                ThrowsMessage<ac::ac_exception>(StrEq("catra enabled not found!")));
+    EXPECT_EQ(thrown_text([&] { handle(catra_set_enabled_callback, {}, false, &handled); }),
+              "catra enabled not found!");
     EXPECT_TRUE(catra_enabled);
     EXPECT_TRUE(recorder().trace().empty());
 }

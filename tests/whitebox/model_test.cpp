@@ -51,7 +51,9 @@ void showValue(const Op& op, std::ostream& out)
 namespace {
 
 using Texts = std::vector<std::string>;
-using Records = std::vector<std::array<int, 3>>;  // access-log portal, event, user; oldest first
+// Access-log records, oldest first: portal, event, user, and whether the
+// record carries the time of a write (the seeded ones are older).
+using Records = std::vector<std::array<int, 4>>;
 
 const char* const kEventNames[] = {
     "ALWAYS BLOCKED", "ALWAYS FREE LEFT", "ALWAYS FREE RIGHT", "ALWAYS FREE BOTH", "FREE LEFT",
@@ -91,7 +93,7 @@ struct Model {
     long now = 0;
     long last_event = 0;
     std::array<long long, 4> counters{};  // left, right, entrance, exit turns
-    Records records{{1, 1, 100}, {2, 1, 101}};
+    Records records{{1, 1, 100, 0}, {2, 1, 101, 0}};
     Texts access_events;  // module, name, uuid and device of each, oldest first
     int fd = -1;          // the controller's descriptor, as the command lines show it
     Texts out;            // what the step writes and sends
@@ -144,11 +146,12 @@ struct Model {
         if (passage)
             uuid.clear();
     }
-    void give_up(std::array<int, 3>& record, const char* function)
+    void give_up(std::array<int, 4>& record, const char* function)
     {
         log(function,
             "Portal_id: " + std::to_string(record[0]) + ", user_id: " + std::to_string(record[2]));
         record[1] = 13;
+        record[3] = 1;
     }
 
     void letter(int event, long advance)
@@ -182,6 +185,7 @@ struct Model {
         const bool free = current == 3 || current == (right ? 2 : 1);
         if (current == 3 && fallback != 3) {
             records.back()[0] = right == clockwise ? 1 : 2;
+            records.back()[3] = 1;
             log("update_last_log", "portal_id: " + std::to_string(records.back()[0]) +
                                        ", user_id: " + std::to_string(records.back()[2]));
         }
@@ -213,7 +217,7 @@ struct Model {
             if (reason != 1 && reason >= 0 && reason <= 3) {
                 log("log_catra_liberated",
                     "Allow " + direction + "! Reason: " + kReasonNames[reason]);
-                records.push_back({1, 12, 0});
+                records.push_back({1, 12, 0, 1});
             }
             if (fallback != current) {
                 give_up(records[records.size() - 2], "create_give_up_log_local");
@@ -363,8 +367,10 @@ protected:
     {
         Records rows;
         for (const auto& row :
-             database().query("SELECT portal_id, event, user_id FROM access_logs ORDER BY id"))
-            rows.push_back({std::stoi(row[0]), std::stoi(row[1]), std::stoi(row[2])});
+             database().query("SELECT portal_id, event, user_id, time > 100000 FROM access_logs "
+                              "ORDER BY id"))
+            rows.push_back(
+                {std::stoi(row[0]), std::stoi(row[1]), std::stoi(row[2]), std::stoi(row[3])});
         return rows;
     }
     Texts access_events()

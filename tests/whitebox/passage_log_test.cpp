@@ -54,16 +54,6 @@ protected:
     std::lock_guard<std::mutex> lock_{state_mutex};
 };
 
-std::string thrown_text(const std::function<void()>& call)
-{
-    try {
-        call();
-    } catch (const ac::ac_exception& e) {
-        return e.what();
-    }
-    return "";
-}
-
 TEST_F(PassageLog, OnlineTheOperationModeDecidesAndAnUnansweredQuestionRaises)
 {
     const struct {

@@ -16,9 +16,6 @@
 namespace catra_test {
 namespace {
 
-using ::testing::StrEq;
-using ::testing::ThrowsMessage;
-
 // The plug-in's code with the controller line as its device, the turnstile
 // enabled and blocked. Actions 2, 3 and 4 lead to portals 2, 1 and 3, so the
 // record's portal tells which action was loaded.
@@ -172,11 +169,10 @@ TEST_F(ReleaseRequest, AMissingDirectionIsRaisedAndChangesNothing)
 {
     release_uuid = "previous";
     recorder().clear();
-    EXPECT_THAT(
-        [&] {
-            request({{"uuid", "u-1"}, {"catra_reason", 2}});
-        },
-        ThrowsMessage<ac::ac_exception>(StrEq("catra allow not found!")));
+    EXPECT_EQ(thrown_text([&] {
+                  request({{"uuid", "u-1"}, {"catra_reason", 2}});
+              }),
+              "catra allow not found!");
     EXPECT_TRUE(recorder().trace().empty());
     EXPECT_EQ(release_uuid, "previous");
     // The lock is given back on the way out.

@@ -173,13 +173,15 @@ struct ThreadName {
 class Threads {
 public:
     static Threads& instance();
-    void named(const std::string& name, unsigned long thread);
+    void named(const std::string& name, unsigned long thread);  // raises when a fault was armed
     std::vector<ThreadName> names() const;
+    void fail_next(int times = 1);
 
 private:
     Threads() = default;
     mutable std::mutex mutex_;
     std::vector<ThreadName> names_;
+    int failures_ = 0;
 };
 
 class Buzzer {
