@@ -18,7 +18,6 @@ namespace catra_test {
 namespace {
 
 using namespace std::string_literals;
-using Texts = std::vector<std::string>;
 
 class ConfigChange : public ControllerLineTest {
 protected:

@@ -1,15 +1,22 @@
-// The fixture of the white-box tests that write to the controller: the
-// plug-in's code linked in, with the fixture's controller line opened as its
-// device, as the set-up leaves it.
+// The fixture of the white-box tests: the plug-in's code linked in, with the
+// fixture's controller line opened as its device and the plug-in's state as a
+// successful set-up leaves it (enabled, blocked, no release pending, the
+// default configuration's GPIOs: photo sensors 20 and 21, solenoids 10 and
+// 11, the open collector 12).
 #pragma once
 
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <string>
+#include <vector>
+
 #include "catra_internal.h"
 #include "terminal_test.h"
 
 namespace catra_test {
+
+using Texts = std::vector<std::string>;
 
 class ControllerLineTest : public TerminalTest {
 protected:
@@ -19,6 +26,15 @@ protected:
         catra_fd = ::open(pty().slave_path().c_str(), O_RDWR);
         ASSERT_GE(catra_fd, 0);
         catra_fd_closed = false;
+        catra_enabled = true;
+        current_state = default_state = CatraState::BLOCKED;
+        release_uuid.clear();
+        last_event_time = clock().now();
+        photo_sensor_gpios = {kFi1Gpio, kFi2Gpio};
+        photo_sensor_values = {false, false};
+        solenoid_gpios = {kSol1Gpio, kSol2Gpio, kCollectorGpio};
+        solenoid_values = {false, false, false};
+        collector_gpio = kCollectorGpio;
     }
     void TearDown() override
     {
@@ -26,6 +42,45 @@ protected:
             ::close(catra_fd);
         }
         TerminalTest::TearDown();
+    }
+
+    // Hands a message of these fields to a handler as the queue would, with a
+    // reply object when asked; returns the answer as "reply{...}" or
+    // "unreplied{}". *handled tells whether the message was marked handled.
+    // The kept log lines start afresh.
+    std::string handle(void (*handler)(ac::Message*), const Fields& fields, bool with_reply = false,
+                       bool* handled = nullptr, const char* type = "request")
+    {
+        logs().clear();
+        ac::MessageReply reply;
+        ac::Message msg(type, 0, nullptr);
+        if (with_reply)
+            msg.set_reply(&reply);
+        for (const Field& entry : fields) {
+            if (entry.field.is_int)
+                msg.add_int(entry.field.key, entry.field.int_value);
+            else
+                msg.add_string(entry.field.key, entry.field.text);
+        }
+        handler(&msg);
+        if (handled != nullptr)
+            *handled = msg.handled();
+        return render(reply.replied() ? "reply" : "unreplied", reply.fields());
+    }
+
+    // The debug lines as "function: text", or of one function its texts alone.
+    static Texts debug_lines(const std::string& function = "")
+    {
+        Texts lines;
+        for (const standin::LogLine& line : standin::Logs::instance().lines()) {
+            if (line.kind != standin::LogLine::Kind::debug)
+                continue;
+            if (function.empty())
+                lines.push_back(line.function + ": " + line.text);
+            else if (line.function == function)
+                lines.push_back(line.text);
+        }
+        return lines;
     }
 };
 

@@ -23,14 +23,11 @@ namespace {
 
 using namespace std::string_literals;
 using Call = SyscallFaults::Call;
-using Texts = std::vector<std::string>;
 
 // catra_fd open on the controller line; the commands run with state_mutex
 // held, as their callers hold it.
 class Controller : public ControllerLineTest {
 protected:
-    void SetUp() override { ControllerLineTest::SetUp(); }
-
     // The write calls on the controller since the last call, NULs included.
     Texts new_writes()
     {

@@ -22,48 +22,14 @@ namespace catra_test {
 namespace {
 
 using namespace std::string_literals;
-using Texts = std::vector<std::string>;
 
-// The plug-in's code with the controller line as its device, the turnstile
-// disabled, solenoids 10, 11 and the collector 12, photo sensors 20 and 21.
+// The turnstile disabled: the GPIO service's reports reach the plug-in.
 class Gpio : public ControllerLineTest {
 protected:
     void SetUp() override
     {
         ControllerLineTest::SetUp();
         catra_enabled = false;
-        current_state = default_state = CatraState::BLOCKED;
-        photo_sensor_gpios = {kFi1Gpio, kFi2Gpio};
-        photo_sensor_values = {false, false};
-        solenoid_gpios = {kSol1Gpio, kSol2Gpio, kCollectorGpio};
-        solenoid_values = {false, false, false};
-        collector_gpio = kCollectorGpio;
-    }
-
-    // Runs a handler on a message with these int fields (and a reply object
-    // when asked) and returns what came back as "reply{...}" or "unreplied{}".
-    std::string handle(void (*handler)(ac::Message*), const Fields& fields, bool with_reply,
-                       bool* handled, const char* type = "request")
-    {
-        logs().clear();
-        ac::MessageReply reply;
-        ac::Message msg(type, 0, nullptr);
-        if (with_reply)
-            msg.set_reply(&reply);
-        for (const Field& entry : fields)
-            msg.add_int(entry.field.key, entry.field.int_value);
-        handler(&msg);
-        *handled = msg.handled();
-        return render(reply.replied() ? "reply" : "unreplied", reply.fields());
-    }
-    // Debug lines as "function: text".
-    static Texts debug_lines()
-    {
-        Texts lines;
-        for (const standin::LogLine& line : standin::Logs::instance().lines())
-            if (line.kind == standin::LogLine::Kind::debug)
-                lines.push_back(line.function + ": " + line.text);
-        return lines;
     }
 };
 

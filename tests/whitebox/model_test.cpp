@@ -50,7 +50,6 @@ void showValue(const Op& op, std::ostream& out)
 
 namespace {
 
-using Texts = std::vector<std::string>;
 // Access-log records, oldest first: portal, event, user, and whether the
 // record carries the time of a write (the seeded ones are older).
 using Records = std::vector<std::array<int, 4>>;
@@ -262,51 +261,23 @@ struct Model {
 
 rc::Gen<Op> ops()
 {
-    using rc::gen::element;
-    using rc::gen::map;
-    return rc::gen::weightedOneOf<Op>({
-        {8, map(rc::gen::tuple(
-                    element('a', 'b', 'c', 'd', 'e', 'f', 'g', 'h', 'i', 'j', 'k', 'l', 'm'),
-                    element(0L, 60L, 99L, 100L, 499L, 500L, 2000L)),
-                [](const std::tuple<char, long>& letter) {
-                    Op op;
-                    op.code = std::get<0>(letter);
-                    op.advance = std::get<1>(letter);
-                    return op;
-                })},
-        {4,
-         map(rc::gen::tuple(element<std::string>("clockwise", "anticlockwise", "both", "always",
-                                                 "alwaysclockwise", "alwaysanticlockwise", "idle"),
-                            element(0, 1, 2, 3, 7)),
-             [](const std::tuple<std::string, int>& release) {
-                 Op op;
-                 op.kind = Op::release;
-                 op.text = std::get<0>(release);
-                 op.reason = std::get<1>(release);
-                 return op;
-             })},
-        {1,
-         map(element<std::string>("entrance_open", "exit_open", "both_open", "Entrance_open", ""),
-             [](const std::string& mode) {
-                 Op op;
-                 op.kind = Op::mode;
-                 op.text = mode;
-                 return op;
-             })},
-        {1, map(rc::gen::arbitrary<bool>(),
-                [](bool clockwise) {
-                    Op op;
-                    op.kind = Op::gateway;
-                    op.flag = clockwise;
-                    return op;
-                })},
-        {1, map(rc::gen::arbitrary<bool>(),
-                [](bool wanted) {
-                    Op op;
-                    op.kind = Op::enable;
-                    op.flag = wanted;
-                    return op;
-                })},
+    using namespace rc::gen;
+    const auto kind = [](Op::Kind kind) { return set(&Op::kind, just(kind)); };
+    return weightedOneOf<Op>({
+        {8, build<Op>(kind(Op::letter),
+                      set(&Op::code,
+                          element('a', 'b', 'c', 'd', 'e', 'f', 'g', 'h', 'i', 'j', 'k', 'l', 'm')),
+                      set(&Op::advance, element(0L, 60L, 99L, 100L, 499L, 500L, 2000L)))},
+        {4, build<Op>(kind(Op::release),
+                      set(&Op::text,
+                          element<std::string>("clockwise", "anticlockwise", "both", "always",
+                                               "alwaysclockwise", "alwaysanticlockwise", "idle")),
+                      set(&Op::reason, element(0, 1, 2, 3, 7)))},
+        {1, build<Op>(kind(Op::mode),
+                      set(&Op::text, element<std::string>("entrance_open", "exit_open", "both_open",
+                                                          "Entrance_open", "")))},
+        {1, build<Op>(kind(Op::gateway), set(&Op::flag))},
+        {1, build<Op>(kind(Op::enable), set(&Op::flag))},
     });
 }
 
@@ -317,13 +288,6 @@ protected:
     void SetUp() override
     {
         ControllerLineTest::SetUp();
-        catra_enabled = true;
-        current_state = default_state = CatraState::BLOCKED;
-        release_uuid.clear();
-        last_event_time = clock().now();
-        photo_sensor_gpios = {kFi1Gpio, kFi2Gpio};
-        solenoid_gpios = {kSol1Gpio, kSol2Gpio, kCollectorGpio};
-        collector_gpio = kCollectorGpio;
         config().erase("catra", "gateway");
         logs().set_echo(false);
     }
@@ -342,24 +306,16 @@ protected:
                 new_catra_event(op.code - 'a');
                 break;
             }
-            case Op::release: {
-                ac::Message msg("liberate_catra", 0, nullptr);
-                msg.add_string("catra_direction", op.text);
-                msg.add_string("uuid", "u" + std::to_string(step));
-                msg.add_int("catra_reason", op.reason);
-                liberate_catra_callback(&msg);
+            case Op::release:
+                handle(liberate_catra_callback, {{"catra_direction", op.text},
+                                                 {"uuid", "u" + std::to_string(step)},
+                                                 {"catra_reason", op.reason}});
                 break;
-            }
             case Op::mode: catra_config_set_callback("catra", "operation_mode", op.text); break;
             case Op::gateway:
                 config().set("catra", "gateway", op.flag ? "clockwise" : "anticlockwise");
                 break;
-            case Op::enable: {
-                ac::Message msg("catra_set_catra_enabled", 0, nullptr);
-                msg.add_int("enabled", op.flag ? 1 : 0);
-                catra_set_enabled_callback(&msg);
-                break;
-            }
+            case Op::enable: handle(catra_set_enabled_callback, {{"enabled", op.flag}}); break;
         }
     }
 
@@ -381,16 +337,15 @@ protected:
             rows.push_back(row[0] + " " + row[1] + " " + row[2] + " " + row[3]);
         return rows;
     }
-    // The debug and error lines from the `from`-th kept line on.
-    Texts log_lines(std::size_t from)
+    // The debug and error lines kept since the step began.
+    Texts log_lines()
     {
         Texts lines;
-        const std::vector<standin::LogLine> all = logs().lines();
-        for (std::size_t i = from; i < all.size(); ++i) {
-            if (all[i].kind == standin::LogLine::Kind::debug)
-                lines.push_back(all[i].function + ": " + all[i].text);
-            else if (all[i].kind == standin::LogLine::Kind::error)
-                lines.push_back("error: " + all[i].text);
+        for (const standin::LogLine& line : logs().lines()) {
+            if (line.kind == standin::LogLine::Kind::debug)
+                lines.push_back(line.function + ": " + line.text);
+            else if (line.kind == standin::LogLine::Kind::error)
+                lines.push_back("error: " + line.text);
         }
         return lines;
     }
@@ -419,7 +374,7 @@ RC_GTEST_FIXTURE_PROP(Turnstile, FollowsItsDecisionTables, ())
             case Op::enable: model.enable(op.flag); break;
         }
 
-        const std::size_t logs_before = logs().lines().size();
+        logs().clear();
         recorder().clear();
         run(op, static_cast<int>(step));
         Texts seen;
@@ -427,7 +382,7 @@ RC_GTEST_FIXTURE_PROP(Turnstile, FollowsItsDecisionTables, ())
             seen.push_back(std::regex_replace(line, timestamp, "timestamp=T"));
 
         RC_ASSERT(seen == model.out);
-        RC_ASSERT(log_lines(logs_before) == model.logs);
+        RC_ASSERT(log_lines() == model.logs);
         RC_ASSERT(records() == model.records);
         RC_ASSERT(access_events() == model.access_events);
         RC_ASSERT(counters() == model.counters);

@@ -24,9 +24,6 @@ protected:
     void SetUp() override
     {
         ControllerLineTest::SetUp();
-        catra_enabled = true;
-        current_state = default_state = CatraState::BLOCKED;
-        release_uuid.clear();
         database().add_portal(3, kDeviceId, "portal 3");
         database().exec(
             "DELETE FROM action_portals;"
@@ -38,15 +35,6 @@ protected:
         std::lock_guard<std::mutex> lock(state_mutex);
         liberate_catra(direction, reason);
     }
-    // Debug lines written by one function of the plug-in.
-    std::vector<std::string> debug_of(const std::string& function)
-    {
-        std::vector<std::string> texts;
-        for (const standin::LogLine& line : logs().lines())
-            if (line.kind == standin::LogLine::Kind::debug && line.function == function)
-                texts.push_back(line.text);
-        return texts;
-    }
     // The exit-request records as {portal, reason, user}.
     standin::Rows rex_records()
     {
@@ -54,8 +42,6 @@ protected:
             "SELECT portal_id, reason, user_id FROM access_logs WHERE event = 12 ORDER BY id");
     }
 };
-
-using Texts = std::vector<std::string>;
 
 TEST_F(Release, RecordNamesTheReasonAndThePortalOfTheDirection)
 {
@@ -87,7 +73,7 @@ TEST_F(Release, RecordNamesTheReasonAndThePortalOfTheDirection)
             std::lock_guard<std::mutex> lock(state_mutex);
             log_catra_liberated(row.direction, row.reason);
         }
-        EXPECT_EQ(debug_of("log_catra_liberated"), row.lines);
+        EXPECT_EQ(debug_lines("log_catra_liberated"), row.lines);
         EXPECT_EQ(rex_records(), row.records);
     }
 }
@@ -98,7 +84,7 @@ TEST_F(Release, AnActionWithoutAPortalOfThisDeviceWritesNoRecord)
     recorder().clear();
     release("clockwise", ac::util::REX);
     EXPECT_EQ(recorder().trace(), Texts{"write r5\\0"});
-    EXPECT_EQ(debug_of("log_catra_liberated"),
+    EXPECT_EQ(debug_lines("log_catra_liberated"),
               (Texts{"Allow clockwise! Reason: REX",
                      "No portal of this device for action 3: exit-request record not written"}));
     EXPECT_TRUE(rex_records().empty());
@@ -106,20 +92,10 @@ TEST_F(Release, AnActionWithoutAPortalOfThisDeviceWritesNoRecord)
 
 // ---------------------------------------------------------------- the request
 
+// Hands a "liberate_catra" message to its handler as the queue would.
 class ReleaseRequest : public Release {
 protected:
-    // Hands a "liberate_catra" message to its handler as the queue would.
-    void request(const Fields& fields)
-    {
-        ac::Message msg("liberate_catra", 0, nullptr);
-        for (const Field& entry : fields) {
-            if (entry.field.is_int)
-                msg.add_int(entry.field.key, entry.field.int_value);
-            else
-                msg.add_string(entry.field.key, entry.field.text);
-        }
-        liberate_catra_callback(&msg);
-    }
+    void request(const Fields& fields) { handle(liberate_catra_callback, fields); }
 };
 
 TEST_F(ReleaseRequest, FieldsDecideTheReleaseTheUuidAndTheRecord)
@@ -154,10 +130,9 @@ TEST_F(ReleaseRequest, FieldsDecideTheReleaseTheUuidAndTheRecord)
         database().exec("DELETE FROM access_logs");
         if (row.record_fails)
             database().fail_next(standin::DalCall::create_log_rex);
-        logs().clear();
         recorder().clear();
         request(row.fields);
-        EXPECT_EQ(debug_of("liberate_catra_callback"), row.handler_lines);
+        EXPECT_EQ(debug_lines("liberate_catra_callback"), row.handler_lines);
         EXPECT_EQ(recorder().trace(), row.trace);
         EXPECT_EQ(release_uuid, row.uuid_after);
         EXPECT_EQ(rex_records(), row.records);
