@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <functional>
 #include <optional>
 #include <string>
@@ -154,26 +155,71 @@ TEST_F(ConfigChange, AntiPassbackSettingsAreReadBackFromTheStore)
 // that must find their key raise the host's error, the others go on with
 // what the store gives. Start-up reads of the device's settings come back as
 // init's failure text, before anything is opened.
+// The controller's set-up on a descriptor of its own, closed afterwards; a
+// failure is raised with init's text (and a note when the device had been
+// opened by then).
+void set_up()
+{
+    const int line = catra_fd;
+    std::string error;
+    bool ok = false;
+    try {
+        ok = init_catra(&error);
+    } catch (...) {
+        ::close(catra_fd);
+        catra_fd = line;
+        throw;
+    }
+    const bool opened = catra_fd != line;
+    if (opened)
+        ::close(catra_fd);
+    catra_fd = line;
+    if (!ok)
+        throw ac::ac_exception(error + (opened ? "" : " (nothing opened)"), true);
+}
+
+// A failed write stops the set-up where it happened, with its text, and
+// undoes nothing; a disable refused with EINVAL counts as done.
+TEST_F(ConfigChange, ASetUpWriteFailureStopsThereWithItsText)
+{
+    const Texts sequence = {"d\0"s, "f12\0"s, "g13\0"s, "s14\0"s, "t15\0"s, "e\0"s};
+    const std::string pin = "Nao foi possivel configurar a catraca com o comando: ";
+    const struct {
+        int passing;  // writes that succeed before the failing one
+        int error;
+        const char* reported;
+        std::string perror_line;
+    } table[] = {
+        {0, EIO, "Unable to disable: Input/output error",
+         "Nao foi possivel desabilitar o Catra: Input/output error"},
+        {1, EINVAL, "Unable to configure pin fi1: Invalid argument", pin + "f12: Invalid argument"},
+        {2, ENOSPC, "Unable to configure pin fi2: No space left on device",
+         pin + "g13: No space left on device"},
+        {3, EBUSY, "Unable to configure pin sol1: Device or resource busy",
+         pin + "s14: Device or resource busy"},
+        {4, EAGAIN, "Unable to configure pin sol2: Resource temporarily unavailable",
+         pin + "t15: Resource temporarily unavailable"},
+        {5, EPERM, "Unable to enable: Operation not permitted", pin + "e: Operation not permitted"},
+        {0, EINVAL, "", ""},
+    };
+    for (const auto& row : table) {
+        SCOPED_TRACE(row.reported);
+        SyscallFaults::fail_next(SyscallFaults::Call::write, row.error, 1, row.passing);
+        catra_enabled = false;
+        const std::size_t before = SyscallFaults::device_writes().size();
+        StderrCapture capture;
+        EXPECT_EQ(thrown_text(set_up), row.reported);
+        const Texts writes = SyscallFaults::device_writes();
+        const std::size_t tried = *row.reported ? row.passing + 1 : sequence.size();
+        EXPECT_EQ(Texts(writes.begin() + static_cast<long>(before), writes.end()),
+                  Texts(sequence.begin(), sequence.begin() + static_cast<long>(tried)));
+        EXPECT_EQ(capture.text(), row.perror_line.empty() ? "" : row.perror_line + "\n");
+        EXPECT_EQ(catra_enabled, !*row.reported);
+    }
+}
+
 TEST_F(ConfigChange, EachReadOfAMissingKeyRaisesOnlyWhereTheKeyIsRequired)
 {
-    const auto set_up = [] {
-        const int line = catra_fd;
-        std::string error;
-        bool ok = false;
-        try {
-            ok = init_catra(&error);
-        } catch (...) {
-            ::close(catra_fd);
-            catra_fd = line;
-            throw;
-        }
-        const bool opened = catra_fd != line;
-        if (opened)
-            ::close(catra_fd);
-        catra_fd = line;
-        if (!ok)
-            throw ac::ac_exception(error + (opened ? " (after opening)" : ""), true);
-    };
     const auto clockwise = [] { do_execute_command("clockwise"); };
     const auto both = [] { do_execute_command("both"); };
     const auto release_record = [] { log_catra_liberated("clockwise", ac::util::REX); };
@@ -190,12 +236,12 @@ TEST_F(ConfigChange, EachReadOfAMissingKeyRaisesOnlyWhereTheKeyIsRequired)
         bool required;
     } table[] = {
         {"catra", "watchdog_timeout", start, true},
-        {"catra", "device_path", set_up, true},
-        {"catra", "fi1", set_up, true},
-        {"catra", "fi2", set_up, true},
-        {"catra", "sol1", set_up, true},
-        {"catra", "sol2", set_up, true},
-        {"catra", "select_timeout", set_up, true},
+        {"catra", "device_path", nullptr, true},
+        {"catra", "fi1", nullptr, true},
+        {"catra", "fi2", nullptr, true},
+        {"catra", "sol1", nullptr, true},
+        {"catra", "sol2", nullptr, true},
+        {"catra", "select_timeout", nullptr, true},
         {"catra", "fi1_gpio", set_up, true},
         {"catra", "fi2_gpio", set_up, true},
         {"catra", "sol1_gpio", set_up, true},
@@ -223,7 +269,12 @@ TEST_F(ConfigChange, EachReadOfAMissingKeyRaisesOnlyWhereTheKeyIsRequired)
         config().set("gpio", "catra_relay_2_enable_direction", "right");
         config().erase(row.module, row.key);
         const std::string name = *row.module ? row.module + "."s + row.key : row.key;
-        EXPECT_EQ(thrown_text(row.action), row.required ? "Parameter " + name + " not found" : "");
+        // The device's own settings are read before anything is opened.
+        const bool early = row.action == nullptr;
+        EXPECT_EQ(thrown_text(early ? set_up : row.action),
+                  row.required
+                      ? "Parameter " + name + " not found" + (early ? " (nothing opened)" : "")
+                      : "");
     }
 
     // With every key in place: the wait's time-out in seconds and
