@@ -82,11 +82,6 @@ public:
     static constexpr int kSol1Gpio = simulator::defaults::kSol1Gpio;
     static constexpr int kSol2Gpio = simulator::defaults::kSol2Gpio;
     static constexpr int kCollectorGpio = simulator::defaults::kCollectorGpio;
-    static constexpr int kCollectorTimeout = simulator::defaults::kCollectorTimeout;
-    static constexpr int kCatraTimeout = simulator::defaults::kCatraTimeout;
-    static constexpr int kRelayTimeout = simulator::defaults::kRelayTimeout;
-    static constexpr int kRelay1Gpio = simulator::defaults::kRelay1Gpio;
-    static constexpr int kRelay2Gpio = simulator::defaults::kRelay2Gpio;
     // Where the manual clock stands at the start of each test.
     static timespec start_time() { return timespec{1000, 0}; }
 
