@@ -32,27 +32,6 @@ private:
     std::string directory_;
 };
 
-TEST_F(PluginLoad, InitWritesTheSetUpSequenceOneWritePerCommand)
-{
-    std::string error;
-    ASSERT_TRUE(load_plugin(&error)) << error;
-
-    const std::vector<std::string> expected = {"d\0"s,   "f12\0"s, "g13\0"s,
-                                               "s14\0"s, "t15\0"s, "e\0"s};
-    const std::vector<std::string> writes = SyscallFaults::device_writes();
-    EXPECT_EQ(writes, expected) << "write calls on the controller: " << escape_list(writes);
-
-    const std::string sequence = "d\0f12\0g13\0s14\0t15\0e\0"s;
-    const std::optional<std::string> received = pty().read_bytes(sequence.size(), kWait);
-    ASSERT_TRUE(received.has_value())
-        << "the controller received \"" << escape_bytes(pty().drain()) << "\"";
-    EXPECT_EQ(*received, sequence) << escape_bytes(*received);
-
-    EXPECT_GE(SyscallFaults::device_fd(), 0) << "the controller device stays open after set-up";
-    EXPECT_FALSE(SyscallFaults::device_closed());
-    EXPECT_EQ(SyscallFaults::writes_after_close(), 0);
-}
-
 TEST_F(PluginLoad, InitFailsForAMissingDevice)
 {
     const MissingDevicePath missing;

@@ -50,11 +50,6 @@ std::string render(const RecordedMessage& message)
     return render(message.type, message.fields) + (message.sync ? " (sync)" : "");
 }
 
-std::ostream& operator<<(std::ostream& out, const RecordedMessage& message)
-{
-    return out << render(message);
-}
-
 BusRecorder::BusRecorder() : shared_(std::make_shared<Shared>())
 {
     std::shared_ptr<Shared> shared = shared_;

@@ -23,7 +23,6 @@ struct RecordedMessage {
 // texts quoted, with a trailing " (sync)" for synchronous sends.
 std::string render(const RecordedMessage& message);
 std::string render(const std::string& type, const std::vector<ac::MessageField>& fields);
-std::ostream& operator<<(std::ostream& out, const RecordedMessage& message);
 
 class BusRecorder {
 public:

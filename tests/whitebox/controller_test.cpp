@@ -200,39 +200,6 @@ TEST_F(Controller, DisableCountsEinvalAsDone)
     EXPECT_FALSE(disable_catra(nullptr));
 }
 
-TEST_F(Controller, AfterTheDeviceIsClosedNoCommandReachesItsNumber)
-{
-    StderrCapture capture;
-    int ends[2];
-    ASSERT_EQ(::pipe2(ends, O_NONBLOCK), 0);
-    const int number = catra_fd;
-    ::close(catra_fd);
-    catra_fd_closed = true;
-
-    do_execute_command("idle");
-    EXPECT_FALSE(configure_catra("e", ""));
-    EXPECT_EQ(errno, EBADF);
-    std::string error;
-    EXPECT_FALSE(disable_catra(&error));
-    EXPECT_EQ(error, "Unable to disable: Bad file descriptor");
-    EXPECT_EQ(capture.text(),
-              "[debug] do_execute_command: CATRA command: i no fd: " + std::to_string(number) +
-                  "\nNao foi possivel liberar a CATRACA: Bad file descriptor\n"
-                  "Nao foi possivel configurar a catraca com o comando: e: Bad "
-                  "file descriptor\n"
-                  "Nao foi possivel desabilitar o Catra: Bad file descriptor\n");
-    EXPECT_EQ(SyscallFaults::writes_after_close(), 0);
-
-    // Another file of the process that now holds the number gets nothing.
-    ASSERT_EQ(::dup2(ends[1], number), number);
-    do_execute_command("both");
-    char byte = 0;
-    EXPECT_EQ(::read(ends[0], &byte, 1), -1);
-    EXPECT_EQ(errno, EAGAIN);
-    for (int fd : {ends[0], ends[1], number})
-        ::close(fd);
-}
-
 // The event thread names itself and needs a descriptor that select can
 // watch; without one it says so once and ends, and a failure to name the
 // thread is logged and not raised.

@@ -32,24 +32,6 @@ protected:
         logs().clear();
         recorder().clear();
     }
-    void set_gateway(const char* gateway)
-    {
-        if (gateway == nullptr)
-            config().erase("catra", "gateway");
-        else
-            config().set("catra", "gateway", gateway);
-    }
-    // Runs the call and checks that record `id` now has the time of the call.
-    void expect_stamped(long long id, const std::function<void()>& call)
-    {
-        const time_t before = time(nullptr);
-        call();
-        const time_t after = time(nullptr);
-        const long long stamp = std::stoll(records().at(static_cast<std::size_t>(id - 1)).at(3));
-        EXPECT_GE(stamp, before);
-        EXPECT_LE(stamp, after);
-    }
-
     const standin::Rows seeded_{{"1", "100", "1", "980", "1"}, {"2", "101", "2", "990", "1"}};
     std::lock_guard<std::mutex> lock_{state_mutex};
 };
@@ -157,7 +139,8 @@ TEST_F(PassageLog, PortalActionsFollowAntiPassbackAndTheGatewaySide)
         SCOPED_TRACE(std::string("anti-passback ") + std::to_string(row.antipassback) +
                      ", gateway " + (row.gateway ? row.gateway : "<unset>"));
         config().set("host", "antipassback_enabled", row.antipassback);
-        set_gateway(row.gateway);
+        row.gateway ? config().set("catra", "gateway", row.gateway)
+                    : config().erase("catra", "gateway");
         set_portal_actions();
         EXPECT_EQ(database().query("SELECT portal_id, position, action_id FROM portal_actions "
                                    "ORDER BY portal_id, position"),
