@@ -1,6 +1,7 @@
 """catra-terminal end to end where a scenario cannot show it: what it reports
 on standard error, its exit status, the --check report and its JUnit file, a
 recorded session replayed, the readable lines on a terminal, a database file."""
+import contextlib
 import json
 import os
 import pty
@@ -14,7 +15,8 @@ import xml.etree.ElementTree as ElementTree
 
 TERMINAL, PLUGIN, EXAMPLES = sys.argv[1], sys.argv[2], os.path.abspath(sys.argv[3])
 CONFIG = os.path.join(EXAMPLES, "terminal.ini")
-BLOCKED = '{"wait_for": {"bus": "catra_event", "fields": [["event_name", "ALWAYS BLOCKED"]]}}\n'
+ROAD = os.path.join(EXAMPLES, "road-of-one-release.jsonl")
+BLOCKED = '{"wait_for": {"bus": "catra_event", "fields": [["event_name", "ALWAYS BLOCKED"]]}}'
 
 
 def run(*arguments, stdin="", stdout=subprocess.PIPE):
@@ -22,79 +24,79 @@ def run(*arguments, stdin="", stdout=subprocess.PIPE):
                           stdout=stdout, stderr=subprocess.PIPE, timeout=120)
 
 
+def script(*lines):
+    """A script that first waits for the plug-in's start-up, then runs the lines."""
+    return "\n".join([BLOCKED, *lines]) + "\n"
+
+
 class Terminal(unittest.TestCase):
     def setUp(self):
-        self.folder = tempfile.TemporaryDirectory()
+        self.folder = self.enterContext(tempfile.TemporaryDirectory())
 
-    def tearDown(self):
-        self.folder.cleanup()
-
-    def file(self, name, text=""):
-        path = os.path.join(self.folder.name, name)
+    def file(self, name, text):
+        path = os.path.join(self.folder, name)
         with open(path, "w") as written:
             written.write(text)
         return path
 
     def test_bad_lines_are_reported_and_the_rest_runs(self):
-        lines = ['not json', '[1, 2]', '{}', '{"frobnicate": 1}', '', '# a comment',
-                 '{"send": 5}', '{"send": "liberate_catra", "fields": {"catra_reason": 1.5}}',
-                 '{"send": "catra_state", "extra": 1}', '{"send": "x", "request": "x"}',
-                 '{"gpio": "40", "value": 0}', '{"gpio": 40}', '{"person": "jump"}',
-                 '{"dump": "everything"}', '{"config": {"key": "gateway"}}', '{"wait_ms": -1}',
-                 '{"controller": ""}', '{"expect": []}', '{"expect_none": {"bus": "x"}, "for_ms": "1"}',
-                 '{"wait_for": {"bus": "never_sent"}, "timeout_ms": 50}', '{"request": "catra_state"}']
-        result = run("--config", CONFIG, stdin=BLOCKED + "\n".join(lines) + "\n")
+        # Each line of the script after the start-up wait, and what it is reported with.
+        lines = [
+            ('not json', "not valid JSON (at character 2)"),
+            ('[1, 2]', "a command is one JSON object, not array"),
+            ('{}', "an empty object: no command"),
+            ('{"frobnicate": 1}', 'unknown command "frobnicate"'), ('', None), ('# a comment', None),
+            ('{"send": 5}', '"send" must be a text'),
+            ('{"send": "liberate_catra", "fields": {"catra_reason": 1.5}}',
+             'field "catra_reason" must be a whole number or a text'),
+            ('{"send": "catra_state", "extra": 1}', 'unexpected key "extra" in a "send" command'),
+            ('{"send": "x", "request": "x"}', 'two commands in one line: "send" and "request"'),
+            ('{"gpio": "40", "value": 0}', '"gpio" must be a whole number'),
+            ('{"gpio": 40}', '"gpio" needs a "value"'),
+            ('{"person": "jump"}', '"person" must be "turn_left" or "turn_right", not "jump"'),
+            ('{"dump": "everything"}',
+             'no records called "everything" (access_events, access_logs, counters, exit_requests, portals)'),
+            ('{"config": {"key": "gateway"}}', '"config" needs a "value"'),
+            ('{"wait_ms": -1}', '"wait_ms" must be from 0 to 3600000'),
+            ('{"controller": ""}', '"controller" needs one or more letters'),
+            ('{"expect": []}', '"expect" needs an object with the keys and values to look for'),
+            ('{"expect_none": {"bus": "x"}, "for_ms": "1"}', '"for_ms" must be a whole number'),
+            ('{"wait_for": {"bus": "never_sent"}, "timeout_ms": 50}',
+             'wait_for {"bus":"never_sent"}: no such line within 50 ms'),
+            ('{"request": "catra_state"}', None)]
+        result = run("--config", CONFIG, stdin=script(*(line for line, _ in lines)))
         self.assertEqual(result.returncode, 0, result.stderr)
         self.assertEqual(result.stderr.splitlines(), [
-            "catra-terminal: line 2: not valid JSON (at character 2)",
-            "catra-terminal: line 3: a command is one JSON object, not array",
-            "catra-terminal: line 4: an empty object: no command",
-            'catra-terminal: line 5: unknown command "frobnicate"',
-            'catra-terminal: line 8: "send" must be a text',
-            'catra-terminal: line 9: field "catra_reason" must be a whole number or a text',
-            'catra-terminal: line 10: unexpected key "extra" in a "send" command',
-            'catra-terminal: line 11: two commands in one line: "send" and "request"',
-            'catra-terminal: line 12: "gpio" must be a whole number',
-            'catra-terminal: line 13: "gpio" needs a "value"',
-            'catra-terminal: line 14: "person" must be "turn_left" or "turn_right", not "jump"',
-            'catra-terminal: line 15: no records called "everything" (access_events, '
-            'access_logs, counters, exit_requests, portals)',
-            'catra-terminal: line 16: "config" needs a "value"',
-            'catra-terminal: line 17: "wait_ms" must be from 0 to 3600000',
-            'catra-terminal: line 18: "controller" needs one or more letters',
-            'catra-terminal: line 19: "expect" needs an object with the keys and values to look for',
-            'catra-terminal: line 20: "for_ms" must be a whole number',
-            'catra-terminal: line 21: wait_for {"bus":"never_sent"}: no such line within 50 ms',
-            "catra-terminal: 0 of 0 expectations met, 18 lines not run"])
+            f"catra-terminal: line {number}: {error}" for number, (_, error) in enumerate(lines, 2) if error
+        ] + ["catra-terminal: 0 of 0 expectations met, 18 lines not run"])
         printed = [json.loads(line) for line in result.stdout.splitlines()]
         self.assertEqual([line for line in printed if "sent" in line or "reply" in line], [
             {"sent": "catra_state", "fields": []},
             {"reply": "catra_state", "replied": True, "fields": [["state", 0], ["default_state", 0]]}])
 
     def test_a_failed_expectation_shows_where_and_the_nearest_lines(self):
-        script = self.file("wrong.jsonl", BLOCKED + "\n".join([
+        wrong = self.file("wrong.jsonl", script(
             '{"config": {"module": "catra", "key": "operation_mode", "value": "entrance_open"}}',
             '{"expect": {"bus": "catra_state_changed", "fields": [["state", 1]]}, "timeout_ms": 300}',
-            '{"expect": {"controller": "ar"}}',
-            '{"expect_none": {"controller": "ar"}}']) + "\n")
-        result = run("--config", CONFIG, "--script", script)
+            '{"expect": {"controller": "ar"}}', '{"expect_none": {"controller": "ar"}}'))
+        result = run("--config", CONFIG, "--script", wrong)
         self.assertEqual(result.returncode, 1)
         report = result.stderr.splitlines()
-        self.assertRegex(report[0], f'^catra-terminal: {script}:3: expect ' + re.escape(
+        self.assertRegex(report[0], f'^catra-terminal: {wrong}:3: expect ' + re.escape(
             '{"bus":"catra_state_changed","fields":[["state",1]]}: no such line within 300 ms; the nearest of '
             'the ') + r'\d+ lines printed since the last action:$')
         self.assertEqual(report[1], '    {"bus":"catra_state_changed","fields":[["state",2]]}')
         self.assertEqual(report[7:], [
-            f'catra-terminal: {script}:5: expect_none {{"controller":"ar"}}: printed within 1000 ms '
+            f'catra-terminal: {wrong}:5: expect_none {{"controller":"ar"}}: printed within 1000 ms '
             'since the last action:', '    {"controller":"ar"}',
-            f"catra-terminal: {script}: 1 of 3 expectations met"])
+            f"catra-terminal: {wrong}: 1 of 3 expectations met"])
 
     def test_check_prints_a_line_per_scenario_and_writes_junit(self):
         wrong = self.file("wrong.jsonl", f'# config: {CONFIG}\n{{"expect": {{"controller": "x"}}, "timeout_ms": 10}}\n')
         broken = self.file("broken.ini", "[catra]\nthis line has no equals sign\n")
-        bad_config = self.file("bad-config.jsonl", "# config: broken.ini\n" + BLOCKED)
+        bad_config = self.file("bad-config.jsonl", "# config: broken.ini\n" + script())
         scenarios = [os.path.join(EXAMPLES, "give-up.jsonl"), wrong, bad_config, "missing.jsonl"]
-        junit = os.path.join(self.folder.name, "report.xml")
+        junit = os.path.join(self.folder, "report.xml")
         result = run("--check", *scenarios, "-j", "2", "--junit", junit)
         self.assertEqual(result.returncode, 1, result.stderr)
         lines = sorted(" ".join(line.split()[:3]) for line in result.stdout.splitlines()
@@ -114,12 +116,12 @@ class Terminal(unittest.TestCase):
         self.assertIn('expect {"controller":"x"}: no such line within 10 ms', failure.text)
 
     def test_a_session_typed_on_standard_input_replays(self):
-        recorded = os.path.join(self.folder.name, "session.jsonl")
-        session = BLOCKED + "\n".join([
+        recorded = os.path.join(self.folder, "session.jsonl")
+        session = script(
             '{"send": "liberate_catra", "fields": {"catra_direction": "anticlockwise", "uuid": "typed-1"}}',
             '{"wait_for": {"bus": "catra_state_changed", "fields": [["state", 1]]}}',
             '{"person": "turn_left"}', '{"wait_for": {"bus": "catra_state_changed", "fields": [["state", 0]]}}',
-            '{"dump": "counters"}']) + "\n"
+            '{"dump": "counters"}')
         self.assertEqual(run("--config", CONFIG, "--record", recorded, stdin=session).returncode, 0)
         with open(recorded) as text:
             lines = [json.loads(line) for line in text if not line.startswith("#")]
@@ -135,21 +137,15 @@ class Terminal(unittest.TestCase):
 
     def test_readable_lines_on_a_terminal(self):
         screen, terminal = pty.openpty()
-        process = subprocess.Popen([TERMINAL, "--plugin", PLUGIN, "--config", CONFIG, "--script",
-                                    os.path.join(EXAMPLES, "road-of-one-release.jsonl")],
+        process = subprocess.Popen([TERMINAL, "--plugin", PLUGIN, "--config", CONFIG, "--script", ROAD],
                                    stdout=terminal, stderr=subprocess.DEVNULL, stdin=subprocess.DEVNULL)
         os.close(terminal)
-        shown = b""
-        while True:
-            try:
-                chunk = os.read(screen, 65536)
-            except OSError:
-                break
-            if not chunk:
-                break
-            shown += chunk
+        chunks = []
+        with contextlib.suppress(OSError):  # the screen's reads end with EIO once the program exits
+            while chunk := os.read(screen, 65536):
+                chunks.append(chunk)
         self.assertEqual(process.wait(timeout=60), 0)
-        shown = shown.decode().replace("\r\n", "\n")
+        shown = b"".join(chunks).decode().replace("\r\n", "\n")
         for expected in ["\n== An access was granted: the access module asks for a clockwise release.\n",
                          '\nterminal > liberate_catra catra_direction="clockwise" uuid="road-1" catra_reason=1\n',
                          "\ncontroller < r5\n", "\ncontroller > f  FREE RIGHT\n",
@@ -160,9 +156,8 @@ class Terminal(unittest.TestCase):
         self.assertNotIn("{", shown)
 
     def test_a_database_file_keeps_the_records(self):
-        database = os.path.join(self.folder.name, "records.db")
-        result = run("--config", CONFIG, "--db", database, "--script",
-                     os.path.join(EXAMPLES, "road-of-one-release.jsonl"))
+        database = os.path.join(self.folder, "records.db")
+        result = run("--config", CONFIG, "--db", database, "--script", ROAD)
         self.assertEqual(result.returncode, 0, result.stderr)
         with sqlite3.connect(database) as db:
             rows = lambda sql: [tuple(row) for row in db.execute(sql)]
