@@ -5,7 +5,6 @@
 #include <mutex>
 #include <sstream>
 
-#include "bytes_text.h"
 #include "standin/standin.h"
 #include "syscall_faults.h"
 
@@ -22,8 +21,12 @@ struct BusRecorder::Shared {
     void take_writes()
     {
         const std::vector<std::string> writes = SyscallFaults::device_writes();
-        for (; writes_seen < writes.size(); ++writes_seen)
-            trace.push_back("write " + escape_bytes(writes[writes_seen]));
+        for (; writes_seen < writes.size(); ++writes_seen) {
+            std::string text = "write ";
+            for (const char c : writes[writes_seen])
+                text += c == '\0' ? std::string("\\0") : std::string(1, c);
+            trace.push_back(text);
+        }
     }
 };
 

@@ -224,25 +224,6 @@ void SyscallFaults::fail_next(Call call, int error, int times, int after)
     s.faults[index_of(call)] = Fault{error, times, after};
 }
 
-int SyscallFaults::armed(Call call)
-{
-    State& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    return s.faults[index_of(call)].times;
-}
-
-int SyscallFaults::device_fd()
-{
-    return device.load(std::memory_order_acquire);
-}
-
-bool SyscallFaults::device_closed()
-{
-    State& s = state();
-    std::lock_guard<std::mutex> lock(s.mutex);
-    return s.closed;
-}
-
 bool SyscallFaults::wait_device_closed(std::chrono::milliseconds timeout)
 {
     State& s = state();

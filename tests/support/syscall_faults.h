@@ -32,13 +32,7 @@ public:
     // that many calls of the kind on the device pass first (for example the
     // third write of a sequence fails with after = 2).
     static void fail_next(Call call, int error, int times = 1, int after = 0);
-    // How many armed failures of that kind are still to come.
-    static int armed(Call call);
 
-    // The device's descriptor, or -1 when it is not open.
-    static int device_fd();
-    // Whether the device's descriptor has been closed since it was opened.
-    static bool device_closed();
     static bool wait_device_closed(std::chrono::milliseconds timeout);
 
     // Write calls made on the device's descriptor number after it was closed,

@@ -191,7 +191,7 @@ bool TerminalTest::expect_commands(const std::vector<std::string>& commands,
             break;
         received.push_back(*command);
     }
-    EXPECT_EQ(escape_list(received), escape_list(commands)) << "texts written to the controller";
+    EXPECT_EQ(received, commands) << "texts written to the controller";
     return received == commands;
 }
 

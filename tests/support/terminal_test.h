@@ -26,7 +26,6 @@
 
 #include "ac/ac.h"
 #include "bus_recorder.h"
-#include "bytes_text.h"
 #include "simulator/controller_pty.h"
 #include "simulator/plugin_configuration.h"
 #include "standin/standin.h"

@@ -170,36 +170,6 @@ TEST_F(Controller, AFailedCommandWriteIsReportedAfterItsDebugLineAndNotRaised)
     EXPECT_TRUE(expect_commands({"i"}));
 }
 
-TEST_F(Controller, DisableCountsEinvalAsDone)
-{
-    const struct {
-        int error;  // 0: the write succeeds
-        bool done;
-        const char* error_text;
-        const char* reported;
-    } table[] = {
-        {0, true, "untouched", ""},
-        {EINVAL, true, "untouched", ""},
-        {EIO, false, "Unable to disable: Input/output error",
-         "Nao foi possivel desabilitar o Catra: Input/output error\n"},
-        {EBADF, false, "Unable to disable: Bad file descriptor",
-         "Nao foi possivel desabilitar o Catra: Bad file descriptor\n"},
-    };
-    for (const auto& row : table) {
-        SCOPED_TRACE("errno " + std::to_string(row.error));
-        if (row.error != 0)
-            SyscallFaults::fail_next(Call::write, row.error);
-        StderrCapture capture;
-        std::string error = "untouched";
-        EXPECT_EQ(disable_catra(&error), row.done);
-        EXPECT_EQ(error, row.error_text);
-        EXPECT_EQ(capture.text(), row.reported);
-        EXPECT_EQ(new_writes(), Texts{"d\0"s});
-    }
-    SyscallFaults::fail_next(Call::write, EIO);
-    EXPECT_FALSE(disable_catra(nullptr));
-}
-
 // The event thread names itself and needs a descriptor that select can
 // watch; without one it says so once and ends, and a failure to name the
 // thread is logged and not raised.
