@@ -39,6 +39,8 @@ LoadedPlugin& loaded()
 
 std::atomic<bool> load_attempted{false};
 
+}  // namespace
+
 ac::Message* new_message(const std::string& type, const Fields& fields)
 {
     auto* message = new ac::Message(type, 0, nullptr);
@@ -50,8 +52,6 @@ ac::Message* new_message(const std::string& type, const Fields& fields)
     }
     return message;
 }
-
-}  // namespace
 
 std::string thrown_text(const std::function<void()>& call)
 {

@@ -65,6 +65,9 @@ struct Field {
 };
 using Fields = std::vector<Field>;
 
+// A new message of that type with these fields, in order.
+ac::Message* new_message(const std::string& type, const Fields& fields);
+
 // The answer to request().
 struct Reply {
     bool replied = false;

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -53,18 +54,12 @@ protected:
     {
         logs().clear();
         ac::MessageReply reply;
-        ac::Message msg(type, 0, nullptr);
+        std::unique_ptr<ac::Message> msg(new_message(type, fields));
         if (with_reply)
-            msg.set_reply(&reply);
-        for (const Field& entry : fields) {
-            if (entry.field.is_int)
-                msg.add_int(entry.field.key, entry.field.int_value);
-            else
-                msg.add_string(entry.field.key, entry.field.text);
-        }
-        handler(&msg);
+            msg->set_reply(&reply);
+        handler(msg.get());
         if (handled != nullptr)
-            *handled = msg.handled();
+            *handled = msg->handled();
         return render(reply.replied() ? "reply" : "unreplied", reply.fields());
     }
 
