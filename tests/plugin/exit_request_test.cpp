@@ -1,5 +1,6 @@
 // Exit-request buttons through the running plug-in: buttonholes 1, 2 and 3
-// are GPIOs 40, 41 and 42. A press starts a worker that waits briefly for a
+// are GPIOs 20, 41 and 42; 20 is also photo sensor 1's, which counts as a
+// buttonhole while the turnstile is enabled. A press starts a worker that waits briefly for a
 // second button, releases the turnstile and sounds the buzzer.
 #include <algorithm>
 #include <chrono>
@@ -20,6 +21,7 @@ protected:
     void SetUp() override
     {
         TerminalTest::SetUp();
+        config().set("host", "buttonholes", "20,41,42");
         ASSERT_TRUE(load_plugin());
         ASSERT_TRUE(start_plugin());
         ASSERT_TRUE(expect_commands(setup_commands()));
@@ -52,12 +54,12 @@ TEST_F(ExitRequest, EachBurstOfPressesGivesOneReleaseOneBuzzAndOneRecord)
         const char* logged;
         bool alone;  // one press: the worker waits its whole time for a second
     } bursts[] = {
-        {{{40, 0}}, "l5", "Allow anticlockwise! Reason: REX", true},
-        {{{40, 0}, {41, 0}}, "b5", "Allow both! Reason: REX", false},
+        {{{20, 0}}, "l5", "Allow anticlockwise! Reason: REX", true},
+        {{{20, 0}, {41, 0}}, "b5", "Allow both! Reason: REX", false},
         {{{41, 0}, {41, 2}}, "r5", "Allow clockwise! Reason: REX", false},
         {{{42, 0}}, "b5", "Allow both! Reason: REX", true},
         // Had level 1 counted, the second press would have joined it.
-        {{{40, 1}, {41, 0}}, "r5", "Allow clockwise! Reason: REX", true},
+        {{{20, 1}, {41, 0}}, "r5", "Allow clockwise! Reason: REX", true},
     };
     for (const auto& burst : bursts) {
         SCOPED_TRACE(burst.logged + std::string(" from ") + std::to_string(burst.levels.size()) +
@@ -98,7 +100,7 @@ TEST_F(ExitRequest, AFailingBuzzerOrReleaseLeavesTheNextPressFree)
             standin::Buzzer::instance().fail_next();
         else
             database().fail_next(standin::DalCall::create_log_rex);
-        notify({{40, 0}});
+        notify({{20, 0}});
         if (row.first_release != nullptr) {
             EXPECT_TRUE(expect_commands({row.first_release}));
         }

@@ -34,16 +34,15 @@ protected:
     // the field out. Returns the controller writes it caused.
     Texts change(const char* module, const char* param, const char* value)
     {
-        ac::Message msg("config_param_set", 0, nullptr);
-        if (module != nullptr)
-            msg.add_string("module", module);
-        if (param != nullptr)
-            msg.add_string("param", param);
-        if (value != nullptr)
-            msg.add_string("value", value);
+        Fields fields;
+        for (const auto& [key, text] :
+             {std::pair{"module", module}, {"param", param}, {"value", value}})
+            if (text != nullptr)
+                fields.emplace_back(key, text);
         const std::size_t before = SyscallFaults::device_writes().size();
-        config_param_set_callback(&msg);
-        EXPECT_FALSE(msg.handled());
+        bool handled = true;
+        handle(config_param_set_callback, fields, false, &handled);
+        EXPECT_FALSE(handled);
         const Texts writes = SyscallFaults::device_writes();
         return Texts(writes.begin() + static_cast<long>(before), writes.end());
     }

@@ -142,24 +142,22 @@ TEST_F(Gpio, OpenCollectorPulsesTheConfiguredOutputOnlyWhileEnabled)
 TEST_F(Gpio, DispatchPrefersPhotoSensorThenSolenoidThenButtonholeAndStoresLevels)
 {
     // 20 is photo sensor 0 and buttonhole 1; 21 photo sensor 1 and solenoid 1;
-    // 10 solenoid 0 and buttonhole 2; 42 and 43 are buttonholes 3 and 4.
+    // 10 solenoid 0 and buttonhole 2; 43 is buttonhole 4. (A buttonhole's press
+    // while enabled is shown with the running plug-in's exit-request worker.)
     solenoid_gpios = {kSol1Gpio, kFi2Gpio, kCollectorGpio};
     config().set("host", "buttonholes", "20,10,42,43");
     const struct {
         bool enabled;
         int gpio;
         int value;
-        Texts trace;  // the exit-request worker's release included
+        Texts trace;
     } table[] = {
         {false, 20, 5, {"photo_sensor_changed{id=0,value=1}"}},
-        {true, 20, 0, {"write l5\\0"}},
         {false, 21, 1, {"photo_sensor_changed{id=1,value=1}"}},
         {true, 21, 1, {"solenoid_changed{id=1,value=1}"}},
         {false, 10, 0, {"solenoid_changed{id=0,value=0}"}},
         {true, 10, 0, {"solenoid_changed{id=0,value=0}"}},
         {true, 12, 3, {"solenoid_changed{id=2,value=1}"}},
-        {true, 42, 2, {"write b5\\0"}},
-        {true, 42, 1, {}},
         {true, 43, 0, {}},
         {false, 99, 0, {}},
     };
@@ -167,19 +165,11 @@ TEST_F(Gpio, DispatchPrefersPhotoSensorThenSolenoidThenButtonholeAndStoresLevels
         SCOPED_TRACE((row.enabled ? "enabled, gpio "s : "disabled, gpio "s) +
                      std::to_string(row.gpio) + " value " + std::to_string(row.value));
         catra_enabled = row.enabled;
-        const int buzzes = standin::Buzzer::instance().count();
         recorder().clear();
         bool handled = false;
         handle(gpio_notified_callback, {{"gpio", row.gpio}, {"value", row.value}}, false, &handled);
-        const bool exit_request = !row.trace.empty() && row.trace[0].rfind("write", 0) == 0;
-        // The worker buzzes after its release: wait for that.
-        const auto deadline = std::chrono::steady_clock::now() + kWait;
-        while (exit_request && standin::Buzzer::instance().count() == buzzes &&
-               std::chrono::steady_clock::now() < deadline)
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        EXPECT_EQ(standin::Buzzer::instance().count(), buzzes + (exit_request ? 1 : 0));
         {
-            // No worker is left collecting presses.
+            // No exit-request worker was started.
             std::lock_guard<std::mutex> lock(rex_mutex);
             EXPECT_EQ(rex_pending, 0);
         }

@@ -30,11 +30,6 @@ protected:
             "INSERT INTO action_portals(action_id, portal_id) VALUES (2, 2), (3, 1), (4, 3);");
     }
 
-    void release(const std::string& direction, int reason)
-    {
-        std::lock_guard<std::mutex> lock(state_mutex);
-        liberate_catra(direction, reason);
-    }
     // The exit-request records as {portal, reason, user}.
     standin::Rows rex_records()
     {
@@ -82,7 +77,10 @@ TEST_F(Release, AnActionWithoutAPortalOfThisDeviceWritesNoRecord)
 {
     config().set("host", "device_id", 7);
     recorder().clear();
-    release("clockwise", ac::util::REX);
+    {
+        std::lock_guard<std::mutex> lock(state_mutex);
+        liberate_catra("clockwise", ac::util::REX);
+    }
     EXPECT_EQ(recorder().trace(), Texts{"write r5\\0"});
     EXPECT_EQ(debug_lines("log_catra_liberated"),
               (Texts{"Allow clockwise! Reason: REX",
