@@ -48,16 +48,5 @@ TEST_F(PluginLoad, InitFailsForAMissingDevice)
     EXPECT_EQ(pty().drain(), "");
 }
 
-TEST_F(PluginLoad, InitReportsAnOpenRefusedBySystem)
-{
-    SyscallFaults::fail_next(SyscallFaults::Call::open, EACCES);
-
-    std::string error;
-    EXPECT_FALSE(load_plugin(&error));
-    EXPECT_EQ(error, "Unable to open " + pty().slave_path() + ": Permission denied");
-    EXPECT_TRUE(SyscallFaults::device_writes().empty());
-    EXPECT_TRUE(plugin_host().plugin().listeners().empty());
-}
-
 }  // namespace
 }  // namespace catra_test

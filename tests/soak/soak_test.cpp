@@ -47,8 +47,7 @@ constexpr milliseconds kCatchUp{120000};
 
 long environment_number(const char* name, long fallback)
 {
-    const char* text = std::getenv(name);
-    const long value = text == nullptr ? 0 : std::atol(text);
+    const long value = std::getenv(name) == nullptr ? 0 : std::atol(std::getenv(name));
     return value > 0 ? value : fallback;
 }
 

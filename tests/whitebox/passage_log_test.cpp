@@ -49,7 +49,6 @@ TEST_F(PassageLog, OnlineTheOperationModeDecidesAndAnUnansweredQuestionRaises)
         {0, "answer", 0, false, true, ""},
         {1, "answer", 1, true, true, ""},
         {1, "answer", 0, true, false, ""},
-        {1, "answer", 2, true, false, ""},
         {1, "silent", 1, true, false, "Message online_client_get_operation_mode not replied"},
         {1, "no_mode", 1, true, false, "Wrong parameters in reply"},
     };
