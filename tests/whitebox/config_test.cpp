@@ -222,6 +222,8 @@ TEST_F(ConfigChange, EachReadOfAMissingKeyRaisesOnlyWhereTheKeyIsRequired)
     const auto both = [] { do_execute_command("both"); };
     const auto release_record = [] { log_catra_liberated("clockwise", ac::util::REX); };
     const auto mode_reread = [] { exception_mode_config_set_callback("0"); };
+    const auto anti_passback = [] { catra_config_set_callback("catra", "anti_passback", "1"); };
+    const auto daily_reset = [] { catra_config_set_callback("catra", "daily_reset", "1"); };
     const auto start = [] {
         ac::Plugin plugin;
         std::string error;
@@ -251,6 +253,9 @@ TEST_F(ConfigChange, EachReadOfAMissingKeyRaisesOnlyWhereTheKeyIsRequired)
         {"gpio", "catra_relay_2_enabled", clockwise, false},
         {"gpio", "catra_relay_1_gpio", clockwise, true},
         {"gpio", "catra_relay_2_gpio", both, true},
+        {"gpio", "catra_relay_1_enabled", both, false},
+        {"gpio", "catra_relay_2_enabled", both, false},
+        {"gpio", "catra_relay_1_gpio", both, true},
         {"catra", "relay_timeout", both, false},
         {"", "catra_timeout", both, false},
         {"", "collector_gpio", open_collector, true},
@@ -258,6 +263,8 @@ TEST_F(ConfigChange, EachReadOfAMissingKeyRaisesOnlyWhereTheKeyIsRequired)
         {"identifier", "verbose_logging", release_record, false},
         {"catra", "operation_mode", mode_reread, false},
         {"catra", "gateway", mode_reread, false},
+        {"catra", "anti_passback", anti_passback, false},
+        {"catra", "daily_reset", daily_reset, false},
     };
     for (const auto& row : table) {
         SCOPED_TRACE(std::string(row.module) + " " + row.key);
