@@ -252,6 +252,7 @@ TEST_F(ConfigChange, EachReadOfAMissingKeyRaisesOnlyWhereTheKeyIsRequired)
         {"gpio", "catra_relay_1_enabled", clockwise, false},
         {"gpio", "catra_relay_2_enabled", clockwise, false},
         {"gpio", "catra_relay_1_gpio", clockwise, true},
+        {"gpio", "catra_relay_2_gpio", clockwise, true},
         {"gpio", "catra_relay_2_gpio", both, true},
         {"gpio", "catra_relay_1_enabled", both, false},
         {"gpio", "catra_relay_2_enabled", both, false},
