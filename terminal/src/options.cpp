@@ -64,13 +64,17 @@ std::optional<int> parse_options(int argc, char** argv, Options& options)
         app.add_option("--record", options.record,
                        "write the session as a scenario: each command that ran and, after each "
                        "action, the expectations for what the plug-in did");
-    app.add_option("--check", options.check,
-                   "check these scenarios, each in a fresh terminal of its own; the "
-                   "configuration is --config or the scenario's \"# config: PATH\" line")
-        ->expected(1, -1)
+    // The scenarios are positional, so that options may come before or after
+    // them: "--check -j 2 a.jsonl" and "--check a.jsonl -j 2" alike.
+    bool check = false;
+    app.add_flag("--check", check,
+                 "check the SCENARIO files, each in a fresh terminal of its own; the "
+                 "configuration is --config or the scenario's \"# config: PATH\" line")
         ->excludes(script)
         ->excludes(record)
         ->excludes(db);
+    app.add_option("scenarios", options.check, "the scenario files that --check checks")
+        ->type_name("SCENARIO...");
     app.add_option("-j,--jobs", options.jobs, "scenarios checked at once")
         ->check(CLI::Range(1, 64))
         ->capture_default_str();
@@ -82,6 +86,11 @@ std::optional<int> parse_options(int argc, char** argv, Options& options)
         ->check([](const std::string& text) { return http_address_error(text); });
     try {
         app.parse(argc, argv);
+        if (check && options.check.empty())
+            throw CLI::ValidationError("--check", "needs one or more scenario files");
+        if (!check && !options.check.empty())
+            throw CLI::ValidationError(options.check.front(),
+                                       "scenario files are checked with --check");
     } catch (const CLI::ParseError& e) {
         return app.exit(e);
     }
