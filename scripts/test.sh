@@ -40,7 +40,7 @@ scenarios() {
 
 stage "setup" scripts/setup.sh \
   cppcheck clang-tidy-14 gcovr clang-14 libclang-rt-14-dev g++-arm-linux-gnueabihf qemu-user \
-  chromium chromium-driver python3-selenium lintian help2man dpkg-dev file
+  chromium chromium-driver python3-selenium lintian help2man dpkg-dev file socat
 stage "format check" scripts/check-format.sh
 for name in "${stages[@]}"; do
   case "$name" in
