@@ -3,8 +3,8 @@
 #             image takes. A firmware build installs it alone:
 #               DESTDIR=<image> cmake --install <build> --component plugin
 #   terminal  catra-terminal with the stand-in host library it runs on, its
-#             example configuration and scripts, its two guides and its
-#             manual page.
+#             example configuration and scripts, its guides and its manual
+#             page; catra-simulator with its manual page.
 # Release builds (Release, RelWithDebInfo, MinSizeRel) install stripped
 # binaries; a Debug build keeps its symbols.
 
@@ -47,25 +47,38 @@ if(CATRA_BUILD_TERMINAL)
   install(FILES docs/terminal.md docs/integration.md
           DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/catra-terminal" COMPONENT terminal)
 
-  # The manual page, made from --help and --version.
+  # catra-simulator: the simulated turnstile controller on a real line.
+  set_target_properties(catra-simulator PROPERTIES INSTALL_RPATH "$ORIGIN/${catra_terminal_rpath}")
+  install(TARGETS catra-simulator RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT terminal)
+  catra_install_strip(terminal "${CMAKE_INSTALL_BINDIR}/catra-simulator")
+  install(FILES docs/simulator.md
+          DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/catra-terminal" COMPONENT terminal)
+
+  # The manual pages, made from --help and --version.
   find_program(CATRA_HELP2MAN help2man)
   if(CMAKE_CROSSCOMPILING)
-    message(STATUS "Cross-build: catra-terminal is installed without its manual page")
+    message(STATUS "Cross-build: the programs are installed without their manual pages")
   elseif(CATRA_HELP2MAN)
-    set(catra_manpage "${CMAKE_CURRENT_BINARY_DIR}/terminal/catra-terminal.1")
-    add_custom_command(
-      OUTPUT "${catra_manpage}.gz"
-      COMMAND "${CATRA_HELP2MAN}" --no-info --section=1
-              "--name=the stand-in terminal of the turnstile plug-in"
-              "--output=${catra_manpage}" "$<TARGET_FILE:catra-terminal>"
-      COMMAND gzip -9nf "${catra_manpage}"
-      DEPENDS catra-terminal
-      COMMENT "Writing the manual page of catra-terminal"
-      VERBATIM)
-    add_custom_target(catra-terminal-manpage ALL DEPENDS "${catra_manpage}.gz")
-    install(FILES "${catra_manpage}.gz" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1"
-            COMPONENT terminal)
+    foreach(program_and_name
+        "catra-terminal|the stand-in terminal of the turnstile plug-in"
+        "catra-simulator|the simulated turnstile controller on a serial line")
+      string(REPLACE "|" ";" program_and_name "${program_and_name}")
+      list(GET program_and_name 0 program)
+      list(GET program_and_name 1 name)
+      set(catra_manpage "${CMAKE_CURRENT_BINARY_DIR}/terminal/${program}.1")
+      add_custom_command(
+        OUTPUT "${catra_manpage}.gz"
+        COMMAND "${CATRA_HELP2MAN}" --no-info --section=1 "--name=${name}"
+                "--output=${catra_manpage}" "$<TARGET_FILE:${program}>"
+        COMMAND gzip -9nf "${catra_manpage}"
+        DEPENDS ${program}
+        COMMENT "Writing the manual page of ${program}"
+        VERBATIM)
+      add_custom_target(${program}-manpage ALL DEPENDS "${catra_manpage}.gz")
+      install(FILES "${catra_manpage}.gz" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1"
+              COMPONENT terminal)
+    endforeach()
   else()
-    message(STATUS "help2man not found: catra-terminal is installed without its manual page")
+    message(STATUS "help2man not found: the programs are installed without their manual pages")
   endif()
 endif()

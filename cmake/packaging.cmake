@@ -87,7 +87,8 @@ set(CPACK_DEBIAN_CATRA-TERMINAL_DESCRIPTION
 catra-terminal loads the turnstile plug-in as the terminal's host framework
 does and runs it against a simulated turnstile controller on a
 pseudo-terminal, driven by JSON commands, printing everything that happens.
-Comes with an example configuration, example scripts and the integrators'
-guides.")
+catra-simulator puts the simulated turnstile controller on a serial line, to
+test a real terminal without a turnstile. Comes with an example
+configuration, example scripts and the integrators' guides.")
 
 include(CPack)

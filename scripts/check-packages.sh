@@ -74,6 +74,8 @@ examples="$installed/usr/share/catra-terminal/examples"
 version=$(dpkg-deb -f "$terminal_amd64" Version)
 [ "$("$program" --version)" = "catra-terminal ${version%-*}" ] ||
   fail "catra-terminal --version does not print ${version%-*}"
+[ "$("$installed/usr/bin/catra-simulator" --version)" = "catra-simulator ${version%-*}" ] ||
+  fail "catra-simulator --version does not print ${version%-*}"
 output=$(LD_DEBUG=libs LD_DEBUG_OUTPUT="$root/loader" "$program" --json \
   --config "$examples/terminal.ini" --script "$examples/road-of-one-release.jsonl") ||
   fail "the installed terminal failed on the road of one release"

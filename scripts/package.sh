@@ -23,7 +23,7 @@ package() {
   cp "build/$preset"/packages/*.deb "$out"/
 }
 
-package default catra catra-terminal catra-terminal-manpage
+package default catra catra-terminal catra-terminal-manpage catra-simulator catra-simulator-manpage
 package arm catra
 
 for deb in "$out"/*.deb; do

@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <iostream>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 
@@ -54,11 +55,13 @@ std::optional<int> parse_options(int argc, char** argv, Options& options)
         "{\"person\": \"turn_left\"} or \"turn_right\", {\"controller\": \"LETTERS\"}. "
         "Ctrl-C or SIGTERM ends it; the end of standard input does not."};
     app.set_version_flag("--version", std::string("catra-simulator ") + CATRA_VERSION);
-    CLI::Option* device = app.add_option(
-        "--device", options.device,
-        "serial device wired to the terminal's controller port (default: a new pseudo-terminal, "
-        "whose path is printed on standard error)");
+    CLI::Option* device = app.add_option("--device", options.device,
+                                         "serial device wired to the terminal's controller port "
+                                         "(default: a new pseudo-terminal, "
+                                         "whose path is printed on standard error)")
+                              ->type_name("PATH");
     app.add_option("--baud", options.baud, "speed of the serial device, 8N1")
+        ->type_name("RATE")
         ->needs(device)
         ->check([](const std::string& text) {
             return supported_baud(std::atoi(text.c_str())) ? std::string()
@@ -67,10 +70,14 @@ std::optional<int> parse_options(int argc, char** argv, Options& options)
         ->capture_default_str();
     app.add_option("--link", options.link,
                    "make this path a symbolic link to the new pseudo-terminal, while running")
+        ->type_name("PATH")
         ->excludes(device);
-    app.add_option("--byte-gap-ms", options.byte_gap_ms,
-                   "write each event's letter and its NUL apart, this many ms apart (on a new "
-                   "pseudo-terminal also not before the terminal read the letter)")
+    app.add_option(
+           "--byte-gap-ms", options.byte_gap_ms,
+           "write each byte of an event (its letter, then its NUL) on its own, this many ms "
+           "after the one before (on a new pseudo-terminal also not before the terminal "
+           "has read that one)")
+        ->type_name("N")
         ->check(CLI::Range(0, 10000))
         ->capture_default_str();
     app.add_flag("--json", options.json,
@@ -97,10 +104,17 @@ public:
         namespace fs = std::filesystem;
         if (path_.empty())
             return;
+        // An old link (of an earlier run) is replaced; anything else is kept.
         std::error_code error;
         if (fs::is_symlink(fs::symlink_status(path_, error)))
-            fs::remove(path_);
-        fs::create_symlink(target, path_);
+            fs::remove(path_, error);
+        fs::create_symlink(target, path_, error);
+        if (error) {
+            const std::string path = path_;
+            path_.clear();
+            throw std::runtime_error("cannot make " + path + " a link to " + target + ": " +
+                                     error.message());
+        }
     }
     ~Link()
     {
