@@ -1,5 +1,7 @@
 #include "input.h"
 
+#include <algorithm>
+
 #include "output.h"
 
 namespace simulator::program {
@@ -47,11 +49,12 @@ std::optional<Action> parse_action(const std::string& line)
                          ": the simulator takes \"person\" and \"controller\"");
     }
     const std::string key = person ? "person" : "controller";
-    for (const auto& member : command.items()) {
-        if (member.key() != key) {
-            throw InputError("unexpected key " + quoted(member.key()) + " in a " + quoted(key) +
-                             " command");
-        }
+    const auto items = command.items();
+    const auto other = std::find_if(items.begin(), items.end(),
+                                    [&key](const auto& member) { return member.key() != key; });
+    if (other != items.end()) {
+        throw InputError("unexpected key " + quoted(other.key()) + " in a " + quoted(key) +
+                         " command");
     }
 
     Action action;

@@ -89,9 +89,9 @@ Line Line::pseudo_terminal()
 
 Line::~Line()
 {
-    for (int fd : {fd_, watched_slave_}) {
-        if (fd >= 0)
-            ::close(fd);
+    for (int descriptor : {fd_, watched_slave_}) {
+        if (descriptor >= 0)
+            ::close(descriptor);
     }
 }
 

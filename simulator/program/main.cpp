@@ -110,9 +110,9 @@ public:
             fs::remove(path_, error);
         fs::create_symlink(target, path_, error);
         if (error) {
-            const std::string path = path_;
+            const std::string refused = path_;
             path_.clear();
-            throw std::runtime_error("cannot make " + path + " a link to " + target + ": " +
+            throw std::runtime_error("cannot make " + refused + " a link to " + target + ": " +
                                      error.message());
         }
     }
@@ -212,8 +212,7 @@ public:
             return false;
         }
         pending_.append(buffer, static_cast<std::size_t>(got));
-        std::size_t end;
-        while ((end = pending_.find('\n')) != std::string::npos) {
+        for (auto end = pending_.find('\n'); end != std::string::npos; end = pending_.find('\n')) {
             run_line(pending_.substr(0, end));
             pending_.erase(0, end + 1);
         }
@@ -320,13 +319,15 @@ int run(const Options& options)
 int main(int argc, char** argv)
 {
     std::signal(SIGPIPE, SIG_IGN);  // a closed standard output must not end the program
-    simulator::program::Options options;
-    if (const std::optional<int> done = simulator::program::parse_options(argc, argv, options))
-        return *done;
     try {
+        simulator::program::Options options;
+        if (const std::optional<int> done = simulator::program::parse_options(argc, argv, options))
+            return *done;
         return simulator::program::run(options);
     } catch (const std::exception& e) {
         simulator::program::report(e.what());
-        return 1;
+    } catch (...) {
+        simulator::program::report("an unknown exception");
     }
+    return 1;
 }

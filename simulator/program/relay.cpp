@@ -53,10 +53,11 @@ Relay::Relay(Line& outside, const ControllerPty& turnstile, std::chrono::millise
     turnstile_side_ =
         ::open(turnstile.slave_path().c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (turnstile_side_ < 0) {
-        const std::system_error failure = system_failure("cannot open " + turnstile.slave_path());
+        const int error = errno;
         ::close(wake_read_);
         ::close(wake_write_);
-        throw failure;
+        throw std::system_error(error, std::generic_category(),
+                                "cannot open " + turnstile.slave_path());
     }
 }
 
