@@ -158,7 +158,10 @@ void end_process(int code)
     Bus::instance().stop_queues();
     stop_all_plugin_hosts();
     Bus::instance().shutdown();
-    std::fflush(nullptr);
+    // Only the output streams: standard input's lock may be held for good by
+    // a thread blocked reading it.
+    std::fflush(stdout);
+    std::fflush(stderr);
 #if defined(STANDIN_ASAN)
     __lsan_do_leak_check();
 #endif

@@ -2,15 +2,23 @@
 
 #include <arpa/inet.h>
 #include <httplib.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <functional>
+#include <list>
+#include <random>
 #include <sstream>
+#include <system_error>
 #include <utility>
+#include <vector>
 
 #include "web_assets.h"
 
@@ -23,11 +31,15 @@ using namespace std::chrono_literals;
 // A stream that saw nothing for this long gets a comment line, so that a
 // vanished client is noticed at the next write.
 constexpr auto kHeartbeat = 10s;
-constexpr time_t kWriteTimeoutSeconds = 5;
-// An idle kept-alive connection closes after this long, so that stopping
-// does not wait for it.
-constexpr time_t kKeepAliveSeconds = 2;
-constexpr auto kShutdownGrace = 3s;
+constexpr int kReadTimeoutSeconds = 5;
+constexpr int kWriteTimeoutSeconds = 5;
+// Stopping waits this long for the connections to end.
+constexpr auto kShutdownGrace = 1s;
+// A stream sends what came in this long at once, so that a burst of lines
+// wakes each page a few times, not once a line.
+constexpr auto kStreamBatch = 25ms;
+// The name of the cookie that carries the secret, once the page has it.
+const std::string kTokenCookie = "catra_live_token";
 
 struct Address {
     std::string host;
@@ -83,30 +95,38 @@ std::string host_name(const std::string& value)
     return value.substr(0, value.find(':'));
 }
 
-// One thread for each connection, so that any number of pages can keep their
-// event streams open. Finished threads are joined as new ones start.
+// Each connection is a thread of its own, so that pages can keep their event
+// streams open; there are at most kMostConnections of them. A connection past
+// the cap, or one whose thread cannot start, is answered 503 at once on the
+// accepting thread. Finished threads are joined as new ones start.
 class ConnectionThreads : public httplib::TaskQueue {
 public:
     void enqueue(std::function<void()> task) override
     {
         std::lock_guard<std::mutex> lock(mutex_);
         reap();
-        auto done = std::make_shared<std::atomic<bool>>(false);
-        threads_.push_back({std::thread([task = std::move(task), done] {
-                                try {
-                                    task();
-                                } catch (const std::exception& e) {
-                                    std::fprintf(stderr, "catra-terminal: live view: %s\n",
-                                                 e.what());
-                                }
-                                done->store(true);
-                            }),
-                            done});
+        if (threads_.size() < LiveView::kMostConnections) {
+            auto done = std::make_shared<std::atomic<bool>>(false);
+            try {
+                threads_.push_back({std::thread([task, done] {
+                                        run(task);
+                                        done->store(true);
+                                    }),
+                                    done});
+                return;
+            } catch (const std::system_error&) {
+                // No thread to be had (a process limit, or address space):
+                // refused below like a connection past the cap.
+            }
+        }
+        refusing = true;
+        run(task);
+        refusing = false;
     }
 
     // Joins the connections that end within the grace; one still running a
-    // long script line (a "wait_ms", say) is left to the end of the process,
-    // which follows the server's stop.
+    // script line is left to the end of the process, which follows the
+    // server's stop.
     void shutdown() override
     {
         std::unique_lock<std::mutex> lock(mutex_);
@@ -127,11 +147,23 @@ public:
         threads_.clear();
     }
 
+    // Set on the accepting thread while it refuses a connection.
+    static thread_local bool refusing;
+
 private:
     struct Worker {
         std::thread thread;
         std::shared_ptr<std::atomic<bool>> done;
     };
+
+    static void run(const std::function<void()>& task)
+    {
+        try {
+            task();
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "catra-terminal: live view: %s\n", e.what());
+        }
+    }
 
     void reap()  // REQUIRES: mutex_ held
     {
@@ -149,12 +181,203 @@ private:
     std::list<Worker> threads_;
 };
 
+thread_local bool ConnectionThreads::refusing = false;
+
+// The headers of every answer: no page of another site may frame the live
+// view, and the page runs only its own scripts and styles and talks only to
+// this server.
+const httplib::Headers kGuardHeaders = {
+    {"X-Frame-Options", "DENY"},
+    {"Content-Security-Policy",
+     "default-src 'self'; frame-ancestors 'none'; base-uri 'none'; form-action 'none'"},
+    {"X-Content-Type-Options", "nosniff"},
+    {"Referrer-Policy", "no-referrer"},
+};
+
+// An answer written straight to a connection the server does not read.
+void refuse(int socket, int status, const std::string& reason, const std::string& text)
+{
+    std::string answer = "HTTP/1.1 " + std::to_string(status) + " " + reason + "\r\n";
+    for (const auto& [name, value] : kGuardHeaders)
+        answer += name + ": " + value + "\r\n";
+    answer += "Content-Type: text/plain\r\nContent-Length: " + std::to_string(text.size()) +
+              "\r\nConnection: close\r\n\r\n" + text;
+    (void)::send(socket, answer.data(), answer.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    // What the client sent already is read, so that closing does not reset
+    // the connection before the answer arrives.
+    char buffer[4096];
+    while (::recv(socket, buffer, sizeof buffer, MSG_DONTWAIT) > 0) {
+    }
+    ::shutdown(socket, SHUT_RDWR);
+    ::close(socket);
+}
+
+// A connection's byte stream, bounded: the request head (up to its blank
+// line) may be at most kLongestHead bytes in at most kMostHeaderLines lines,
+// and what follows it at most twice kLongestBody (a body and its chunked
+// framing). Past a bound, reads and writes fail and head_too_large() tells.
+class BoundedStream : public httplib::Stream {
+public:
+    BoundedStream(int socket, int read_timeout_ms, int write_timeout_ms)
+        : socket_(socket), read_timeout_ms_(read_timeout_ms), write_timeout_ms_(write_timeout_ms)
+    {
+    }
+
+    bool is_readable() const override { return start_ < end_ || wait(POLLIN, read_timeout_ms_); }
+    bool is_writable() const override { return !over_ && wait(POLLOUT, write_timeout_ms_); }
+
+    ssize_t read(char* data, size_t size) override
+    {
+        if (over_)
+            return -1;
+        if (start_ == end_) {
+            if (!wait(POLLIN, read_timeout_ms_))
+                return -1;
+            ssize_t got = -1;
+            do {
+                got = ::recv(socket_, buffer_, sizeof buffer_, 0);
+            } while (got < 0 && errno == EINTR);
+            if (got <= 0)
+                return got;
+            start_ = 0;
+            end_ = static_cast<size_t>(got);
+        }
+        size = std::min(size, end_ - start_);
+        for (size_t i = 0; i < size && !over_; ++i)
+            count(buffer_[start_ + i]);
+        if (over_)
+            return -1;
+        std::memcpy(data, buffer_ + start_, size);
+        start_ += size;
+        return static_cast<ssize_t>(size);
+    }
+
+    ssize_t write(const char* data, size_t size) override
+    {
+        if (over_ || !wait(POLLOUT, write_timeout_ms_))
+            return -1;
+        ssize_t sent = -1;
+        do {
+            sent = ::send(socket_, data, size, MSG_NOSIGNAL);
+        } while (sent < 0 && errno == EINTR);
+        if (sent > 0)
+            wrote_ = true;
+        return sent;
+    }
+
+    void get_remote_ip_and_port(std::string& ip, int& port) const override
+    {
+        address(::getpeername, ip, port);
+    }
+    void get_local_ip_and_port(std::string& ip, int& port) const override
+    {
+        address(::getsockname, ip, port);
+    }
+    socket_t socket() const override { return socket_; }
+
+    bool head_too_large() const { return head_too_large_; }
+    bool wrote() const { return wrote_; }
+
+private:
+    bool wait(short events, int timeout_ms) const
+    {
+        pollfd watched{socket_, events, 0};
+        int ready = 0;
+        do {
+            ready = ::poll(&watched, 1, timeout_ms);
+        } while (ready < 0 && errno == EINTR);
+        return ready > 0;
+    }
+
+    template <class Name>
+    void address(Name name, std::string& ip, int& port) const
+    {
+        sockaddr_storage storage{};
+        socklen_t length = sizeof storage;
+        if (name(socket_, reinterpret_cast<sockaddr*>(&storage), &length) != 0)
+            return;
+        char text[INET6_ADDRSTRLEN] = "";
+        if (storage.ss_family == AF_INET) {
+            const auto* v4 = reinterpret_cast<const sockaddr_in*>(&storage);
+            ::inet_ntop(AF_INET, &v4->sin_addr, text, sizeof text);
+            port = ntohs(v4->sin_port);
+        } else if (storage.ss_family == AF_INET6) {
+            const auto* v6 = reinterpret_cast<const sockaddr_in6*>(&storage);
+            ::inet_ntop(AF_INET6, &v6->sin6_addr, text, sizeof text);
+            port = ntohs(v6->sin6_port);
+        }
+        ip = text;
+    }
+
+    // Counts one byte handed to the server.
+    void count(char byte)
+    {
+        if (in_head_) {
+            ++head_bytes_;
+            if (byte == '\n') {
+                ++head_lines_;
+                in_head_ = line_length_ != 0;  // an empty line ends the head
+                line_length_ = 0;
+            } else if (byte != '\r') {
+                ++line_length_;
+            }
+            if (head_bytes_ > LiveView::kLongestHead ||
+                head_lines_ > LiveView::kMostHeaderLines + 1)
+                head_too_large_ = over_ = true;
+        } else if (++body_bytes_ > 2 * LiveView::kLongestBody) {
+            over_ = true;
+        }
+    }
+
+    const int socket_;
+    const int read_timeout_ms_;
+    const int write_timeout_ms_;
+    char buffer_[4096] = {};
+    size_t start_ = 0;
+    size_t end_ = 0;
+    bool in_head_ = true;
+    size_t head_bytes_ = 0;
+    size_t head_lines_ = 0;
+    size_t line_length_ = 0;
+    size_t body_bytes_ = 0;
+    bool head_too_large_ = false;
+    bool over_ = false;
+    bool wrote_ = false;
+};
+
 }  // namespace
 
-struct LiveView::Client {
-    std::deque<Line> queue;
-    std::size_t live_bytes = 0;  // queued after the history
-    bool dropped = false;        // fell behind: its stream ends
+// The library's server with the connection handling above: one request per
+// connection, through a bounded stream.
+class LiveView::Server : public httplib::Server {
+public:
+    // The library listens with a backlog of 5; a burst of pages wants more.
+    void widen_backlog() { ::listen(svr_sock_, kBacklog); }
+
+private:
+    static constexpr int kBacklog = 128;
+
+    bool process_and_close_socket(socket_t socket) override
+    {
+        if (ConnectionThreads::refusing) {
+            refuse(socket, 503, "Service Unavailable",
+                   "too many connections: the live view serves " +
+                       std::to_string(kMostConnections) + " at once\n");
+            return false;
+        }
+        BoundedStream stream(socket, kReadTimeoutSeconds * 1000, kWriteTimeoutSeconds * 1000);
+        bool closed = false;
+        const bool served = process_request(stream, true, closed, [](httplib::Request&) {});
+        if (stream.head_too_large() && !stream.wrote()) {
+            refuse(socket, 431, "Request Header Fields Too Large",
+                   "a request head may have at most " + std::to_string(kMostHeaderLines) +
+                       " header lines and " + std::to_string(kLongestHead) + " bytes\n");
+            return false;
+        }
+        ::shutdown(socket, SHUT_RDWR);
+        ::close(socket);
+        return served;
+    }
 };
 
 std::string http_address_error(const std::string& text)
@@ -162,6 +385,55 @@ std::string http_address_error(const std::string& text)
     Address address;
     return parse_address(text, address);
 }
+
+std::string http_token_error(const std::string& text)
+{
+    const bool plain = std::all_of(text.begin(), text.end(), [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) || c == '-' || c == '_' || c == '.';
+    });
+    if (text.size() < 16 || !plain)
+        return "the secret must be 16 or more letters, digits, '-', '_' or '.'";
+    return "";
+}
+
+namespace {
+
+// 128 random bits, as hexadecimal digits.
+std::string new_token()
+{
+    std::random_device random;
+    std::string token;
+    for (int i = 0; i < 4; ++i) {
+        char part[9];
+        std::snprintf(part, sizeof part, "%08x", static_cast<unsigned>(random()));
+        token += part;
+    }
+    return token;
+}
+
+// Compares without returning early, so that the time taken tells nothing of
+// how much of a guess was right.
+bool same_secret(const std::string& given, const std::string& secret)
+{
+    unsigned char differ = given.size() == secret.size() ? 0 : 1;
+    for (std::size_t i = 0; i < secret.size(); ++i)
+        differ |= static_cast<unsigned char>(secret[i] ^ (i < given.size() ? given[i] : 0));
+    return differ == 0;
+}
+
+// The value of one cookie of a Cookie header, or "".
+std::string cookie(const std::string& header, const std::string& name)
+{
+    std::istringstream list(header);
+    for (std::string pair; std::getline(list, pair, ';');) {
+        const auto start = pair.find_first_not_of(' ');
+        if (start != std::string::npos && pair.compare(start, name.size() + 1, name + "=") == 0)
+            return pair.substr(start + name.size() + 1);
+    }
+    return "";
+}
+
+}  // namespace
 
 StopSignals::StopSignals()
 {
@@ -181,6 +453,16 @@ int StopSignals::wait()
     return signal;
 }
 
+void StopSignals::end_at_once_on_next()
+{
+    std::thread([this] {
+        const int signal = wait();
+        static const char text[] = "catra-terminal: stopping at once\n";
+        (void)::write(STDERR_FILENO, text, sizeof text - 1);
+        _exit(128 + signal);
+    }).detach();
+}
+
 LiveView::LiveView(Output& output, const standin::Config& config, bool simulated)
     : output_(output), config_(config), simulated_(simulated)
 {
@@ -193,51 +475,70 @@ LiveView::~LiveView()
     output_.unsubscribe(subscription_);
 }
 
+// Called for every printed line under the output's lock: it only appends to
+// the history and wakes the streams that wait for a line.
 void LiveView::publish(const Json& line)
 {
     auto text = std::make_shared<const std::string>(
         "data: " + line.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n\n");
+    bool wake = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         history_.push_back(text);
         history_bytes_ += text->size();
+        ++next_line_;
         while (history_.size() > kHistoryLines ||
-               (history_.size() > kHistoryLinesKept && history_bytes_ > kHistoryBytes)) {
+               (history_.size() > 1 && history_bytes_ > kHistoryBytes)) {
             history_bytes_ -= history_.front()->size();
             history_.pop_front();
+            ++first_line_;
         }
-        for (const auto& client : clients_) {
-            client->live_bytes += text->size();
-            if (client->queue.size() >= kClientQueueLines || client->live_bytes > kClientQueueBytes)
-                client->dropped = true;
-            else if (!client->dropped)
-                client->queue.push_back(text);
-        }
+        wake = streams_waiting_ > 0;
     }
-    changed_.notify_all();
+    if (wake)
+        changed_.notify_all();
 }
 
-std::string LiveView::listen(const std::string& text)
+std::string LiveView::listen(const std::string& text, const std::string& token)
 {
     Address address;
     std::string error = parse_address(text, address);
     if (!error.empty())
         return "--http: " + error;
     host_ = address.host;
+    if (!is_loopback(host_))
+        token_ = token.empty() ? new_token() : token;
 
-    server_ = std::make_unique<httplib::Server>();
+    server_ = std::make_unique<Server>();
     server_->new_task_queue = [] { return new ConnectionThreads; };
-    server_->set_payload_max_length(kLongestBody);
-    server_->set_write_timeout(kWriteTimeoutSeconds, 0);
-    server_->set_keep_alive_timeout(kKeepAliveSeconds);
-    server_->set_pre_routing_handler([this](const httplib::Request& request,
-                                            httplib::Response& response) {
-        if (allowed(request))
-            return httplib::Server::HandlerResponse::Unhandled;
-        response.status = 403;
-        response.set_content("another site may not use this terminal's live view\n", "text/plain");
-        return httplib::Server::HandlerResponse::Handled;
+    // No SO_REUSEPORT: a second terminal on the same port is refused, instead
+    // of the kernel sharing the requests out between two turnstiles.
+    server_->set_socket_options([](socket_t socket) {
+        const int yes = 1;
+        ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
     });
+    server_->set_payload_max_length(kLongestBody);
+    server_->set_read_timeout(kReadTimeoutSeconds, 0);
+    server_->set_write_timeout(kWriteTimeoutSeconds, 0);
+    server_->set_default_headers(kGuardHeaders);
+    server_->set_pre_routing_handler(
+        [this](const httplib::Request& request, httplib::Response& response) {
+            if (!allowed(request)) {
+                response.status = 403;
+                response.set_content("another site may not use this terminal's live view\n",
+                                     "text/plain");
+                return httplib::Server::HandlerResponse::Handled;
+            }
+            if (!authorised(request, response)) {
+                response.status = 401;
+                response.set_content(
+                    "this live view needs its secret: open the address that "
+                    "catra-terminal printed\n",
+                    "text/plain");
+                return httplib::Server::HandlerResponse::Handled;
+            }
+            return httplib::Server::HandlerResponse::Unhandled;
+        });
     for (const web::Asset& asset : web::assets) {
         server_->Get(asset.path, [&asset](const httplib::Request&, httplib::Response& response) {
             response.set_content(reinterpret_cast<const char*>(asset.data), asset.size, asset.type);
@@ -249,8 +550,8 @@ std::string LiveView::listen(const std::string& text)
     server_->Get("/events", [this](const httplib::Request&, httplib::Response& response) {
         events(response);
     });
-    // Read through a content reader: the library's own body reading limits
-    // form-encoded bodies (what curl and urllib send by default) to 8 KiB.
+    // Read through a content reader, whatever the body's framing (a length,
+    // chunks, or none), and at most kLongestBody of it.
     server_->Post("/command", [this](const httplib::Request& request, httplib::Response& response,
                                      const httplib::ContentReader& reader) {
         if (request.is_multipart_form_data()) {
@@ -259,10 +560,21 @@ std::string LiveView::listen(const std::string& text)
             return;
         }
         std::string body;
-        if (!reader([&body](const char* data, std::size_t size) {
+        bool too_long = false;
+        const bool read = reader([&](const char* data, std::size_t size) {
+            too_long = body.size() + size > kLongestBody;
+            if (!too_long)
                 body.append(data, size);
-                return true;
-            }))
+            return !too_long;
+        });
+        // A length over the bound is refused by the library before any read.
+        if (too_long || response.status == 413) {
+            response.status = 413;
+            response.set_content(
+                "a command is at most " + std::to_string(kLongestBody) + " bytes\n", "text/plain");
+            return;
+        }
+        if (!read)
             return;
         command(body, response);
     });
@@ -270,10 +582,14 @@ std::string LiveView::listen(const std::string& text)
     const bool bound = address.port == 0 ? (port_ = server_->bind_to_any_port(host_)) > 0
                                          : server_->bind_to_port(host_, address.port);
     if (!bound) {
-        const std::string reason = std::strerror(errno);
+        const int failure = errno;
         server_.reset();
-        return "--http: cannot listen on " + text + ": " + reason;
+        return "--http: cannot listen on " + text + ": " +
+               (failure == EADDRINUSE ? "the port is in use (another catra-terminal, or "
+                                        "another program, listens there)"
+                                      : std::strerror(failure));
     }
+    server_->widen_backlog();
     if (address.port != 0)
         port_ = address.port;
     listener_ = std::thread([this] {
@@ -289,7 +605,8 @@ std::string LiveView::listen(const std::string& text)
 std::string LiveView::url() const
 {
     const std::string host = host_.find(':') != std::string::npos ? "[" + host_ + "]" : host_;
-    return "http://" + host + ":" + std::to_string(port_) + "/";
+    return "http://" + host + ":" + std::to_string(port_) + "/" +
+           (token_.empty() ? "" : "?token=" + token_);
 }
 
 void LiveView::attach(Script& script)
@@ -325,28 +642,54 @@ bool LiveView::allowed(const httplib::Request& request) const
     return request.get_header_value("Origin") == "http://" + host_header;
 }
 
+// Off loopback a request carries the secret: in the address (?token=, as
+// printed; the answer then gives the page a same-site cookie, so that its
+// own requests carry it), in that cookie, or as "Authorization: Bearer".
+bool LiveView::authorised(const httplib::Request& request, httplib::Response& response) const
+{
+    if (token_.empty())
+        return true;
+    if (same_secret(request.get_param_value("token"), token_)) {
+        response.set_header("Set-Cookie",
+                            kTokenCookie + "=" + token_ + "; Path=/; HttpOnly; SameSite=Strict");
+        return true;
+    }
+    const std::string bearer = request.get_header_value("Authorization");
+    return same_secret(cookie(request.get_header_value("Cookie"), kTokenCookie), token_) ||
+           (bearer.rfind("Bearer ", 0) == 0 && same_secret(bearer.substr(7), token_));
+}
+
 void LiveView::events(httplib::Response& response)
 {
-    auto client = std::make_shared<Client>();
+    std::uint64_t next = 0;  // the number of the next line this stream sends
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        client->queue.assign(history_.begin(), history_.end());
-        clients_.push_back(client);
+        if (streams_ >= kMostStreams) {
+            response.status = 503;
+            response.set_content("too many pages: the live view streams to " +
+                                     std::to_string(kMostStreams) + " at once\n",
+                                 "text/plain");
+            return;
+        }
+        ++streams_;
+        next = first_line_;
     }
     response.set_header("Cache-Control", "no-cache");
     response.set_chunked_content_provider(
         "text/event-stream",
-        [this, client](std::size_t, httplib::DataSink& sink) {
-            std::deque<Line> lines;
+        [this, next](std::size_t, httplib::DataSink& sink) mutable {
+            std::vector<Line> lines;
             {
                 std::unique_lock<std::mutex> lock(mutex_);
-                changed_.wait_for(lock, kHeartbeat, [&] {
-                    return stopping_ || client->dropped || !client->queue.empty();
-                });
-                if (stopping_ || client->dropped)
+                ++streams_waiting_;
+                changed_.wait_for(lock, kHeartbeat, [&] { return stopping_ || next < next_line_; });
+                --streams_waiting_;
+                // A page that fell behind the history is dropped.
+                if (stopping_ || next < first_line_)
                     return false;
-                lines.swap(client->queue);
-                client->live_bytes = 0;
+                lines.assign(history_.begin() + static_cast<std::ptrdiff_t>(next - first_line_),
+                             history_.end());
+                next = next_line_;
             }
             if (lines.empty())
                 return sink.write(": \n\n", 3);
@@ -354,14 +697,18 @@ void LiveView::events(httplib::Response& response)
                 if (!sink.write(line->data(), line->size()))
                     return false;
             }
+            std::this_thread::sleep_for(kStreamBatch);
             return true;
         },
-        [this, client](bool) {
+        [this](bool) {
             std::lock_guard<std::mutex> lock(mutex_);
-            clients_.remove(client);
+            --streams_;
         });
 }
 
+// 200: the line ran (and its expectation, if any, was met); 400: not a
+// command, or refused; 422: an expectation not met; 503: the terminal still
+// starts, or the script stayed busy with another line. The body says why.
 void LiveView::command(std::string line, httplib::Response& response)
 {
     while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
@@ -381,9 +728,14 @@ void LiveView::command(std::string line, httplib::Response& response)
         response.set_content("one line at a time\n", "text/plain");
         return;
     }
-    const std::string error = script->run_line(line);
-    response.status = error.empty() ? 200 : 400;
-    response.set_content(error.empty() ? "" : error + "\n", "text/plain");
+    const Script::Posted posted = script->run_posted(line, kLongestPostedWait, kLongestScriptWait);
+    switch (posted.outcome) {
+        case Script::Posted::Outcome::ran: response.status = 200; break;
+        case Script::Posted::Outcome::refused: response.status = 400; break;
+        case Script::Posted::Outcome::unmet: response.status = 422; break;
+        case Script::Posted::Outcome::busy: response.status = 503; break;
+    }
+    response.set_content(posted.text.empty() ? "" : posted.text + "\n", "text/plain");
 }
 
 void LiveView::info(httplib::Response& response) const

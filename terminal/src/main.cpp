@@ -200,7 +200,7 @@ int main(int argc, char** argv)
     if (!options.http.empty()) {
         live_view = std::make_unique<terminal::LiveView>(
             output, config, !config.get("catra", "device_path", nullptr));
-        const std::string http_error = live_view->listen(options.http);
+        const std::string http_error = live_view->listen(options.http, options.http_token);
         if (!http_error.empty()) {
             report(http_error);
             return 1;
@@ -257,6 +257,7 @@ int main(int argc, char** argv)
         std::thread script_thread([&script, &input] { script.run(input); });
         script_thread.detach();
         const int signal = stop_signals->wait();
+        stop_signals->end_at_once_on_next();
         report(std::string("stopping on ") + (signal == SIGINT ? "SIGINT" : "SIGTERM"));
         live_view->stop();
     } else {

@@ -84,6 +84,11 @@ std::optional<int> parse_options(int argc, char** argv, Options& options)
                    "port 0: any free one) and run until interrupted")
         ->type_name("[ADDR:]PORT")
         ->check([](const std::string& text) { return http_address_error(text); });
+    app.add_option("--http-token", options.http_token,
+                   "the secret that every request to a live view off loopback must carry "
+                   "(default: a new random one; the printed address carries it)")
+        ->type_name("SECRET")
+        ->check([](const std::string& text) { return http_token_error(text); });
     try {
         app.parse(argc, argv);
         if (check && options.check.empty())

@@ -25,7 +25,6 @@ constexpr std::chrono::milliseconds kDefaultWaitFor{5000};
 constexpr std::chrono::milliseconds kDefaultExpectNone{1000};
 constexpr std::size_t kNearestShown = 5;
 constexpr std::chrono::milliseconds kRequestTimeout{10000};
-constexpr long long kLongestWait = 3600 * 1000;
 
 // A command that cannot be run as written; its text is the error line.
 struct CommandError : std::runtime_error {
@@ -114,12 +113,12 @@ std::unique_ptr<ac::Message> new_message(const std::string& type, const Json& co
     return message;
 }
 
-long long milliseconds(const Json& command, const char* key, long long otherwise)
+long long milliseconds(const Json& command, const char* key, long long otherwise, long long longest)
 {
     const auto given = command.find(key);
     if (given == command.end())
-        return otherwise;
-    return whole_number(*given, quoted(key), 0, kLongestWait);
+        return std::min(otherwise, longest);
+    return whole_number(*given, quoted(key), 0, longest);
 }
 
 const Json& pattern_of(const Json& command, const char* key)
@@ -198,7 +197,32 @@ void Script::execute(const std::string& line, int number)
 
 std::string Script::run_line(const std::string& line, int number)
 {
-    std::lock_guard<std::mutex> lock(line_mutex_);
+    std::lock_guard<std::timed_mutex> lock(line_mutex_);
+    return run_locked(line, number, nullptr);
+}
+
+Script::Posted Script::run_posted(const std::string& line, std::chrono::milliseconds longest_wait,
+                                  std::chrono::milliseconds script_wait)
+{
+    std::unique_lock<std::timed_mutex> lock(line_mutex_, script_wait);
+    if (!lock.owns_lock()) {
+        return {Posted::Outcome::busy, "the script is still running another line after " +
+                                           std::to_string(script_wait.count()) + " ms; try again"};
+    }
+    longest_wait_ = longest_wait.count();
+    std::string unmet;
+    const std::string error = run_locked(line, 0, &unmet);
+    longest_wait_ = kLongestWait;
+    if (!error.empty())
+        return {Posted::Outcome::refused, error};
+    if (!unmet.empty())
+        return {Posted::Outcome::unmet, unmet};
+    return {Posted::Outcome::ran, ""};
+}
+
+// REQUIRES: line_mutex_ held
+std::string Script::run_locked(const std::string& line, int number, std::string* unmet)
+{
     const auto first = line.find_first_not_of(" \t\r");
     if (first == std::string::npos || line[first] == '#')
         return "";
@@ -217,6 +241,8 @@ std::string Script::run_line(const std::string& line, int number)
         // An unmet expectation is reported, and counted, where it is met or
         // not: the line itself ran.
         errors_ << "catra-terminal: " << where(number) << e.what() << std::endl;
+        if (unmet != nullptr)
+            *unmet = e.what();
         return "";
     } catch (const std::exception& e) {
         error = e.what();
@@ -357,10 +383,12 @@ void Script::request(const Json& command)
         exchange->returned.notify_all();
     });
     std::unique_lock<std::mutex> lock(exchange->mutex);
-    if (!exchange->returned.wait_for(lock, kRequestTimeout, [&] { return exchange->done; })) {
+    const std::chrono::milliseconds timeout{
+        std::min<long long>(kRequestTimeout.count(), longest_wait_)};
+    if (!exchange->returned.wait_for(lock, timeout, [&] { return exchange->done; })) {
         sender.detach();
         throw CommandError("request " + quoted(type) + ": no answer within " +
-                           std::to_string(kRequestTimeout.count()) + " ms");
+                           std::to_string(timeout.count()) + " ms");
     }
     lock.unlock();
     sender.join();
@@ -453,7 +481,7 @@ void Script::person(const Json& command)
 
 void Script::wait_ms(const Json& command)
 {
-    const long long ms = whole_number(command.at("wait_ms"), "\"wait_ms\"", 0, kLongestWait);
+    const long long ms = whole_number(command.at("wait_ms"), "\"wait_ms\"", 0, longest_wait_);
     std::this_thread::sleep_for(std::chrono::milliseconds(ms));
 }
 
@@ -474,7 +502,7 @@ void Script::wait_for(const Json& command)
 {
     const Json& pattern = pattern_of(command, "wait_for");
     const std::chrono::milliseconds timeout{
-        milliseconds(command, "timeout_ms", kDefaultWaitFor.count())};
+        milliseconds(command, "timeout_ms", kDefaultWaitFor.count(), longest_wait_)};
     if (!output_.wait_for(pattern, timeout)) {
         throw CommandError("wait_for " + compact(pattern) + ": no such line within " +
                            std::to_string(timeout.count()) + " ms");
@@ -485,7 +513,7 @@ void Script::expect(const Json& command)
 {
     const Json& pattern = pattern_of(command, "expect");
     const std::chrono::milliseconds timeout{
-        milliseconds(command, "timeout_ms", kDefaultWaitFor.count())};
+        milliseconds(command, "timeout_ms", kDefaultWaitFor.count(), longest_wait_)};
     ++expectations_;
     Json found;
     if (!output_.wait_for(pattern, timeout, &found)) {
@@ -502,7 +530,7 @@ void Script::expect_none(const Json& command)
 {
     const Json& pattern = pattern_of(command, "expect_none");
     const std::chrono::milliseconds span{
-        milliseconds(command, "for_ms", kDefaultExpectNone.count())};
+        milliseconds(command, "for_ms", kDefaultExpectNone.count(), longest_wait_)};
     ++expectations_;
     Json found;
     if (output_.wait_for(pattern, span, &found)) {

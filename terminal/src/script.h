@@ -33,6 +33,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <iosfwd>
 #include <mutex>
 #include <string>
@@ -59,6 +60,23 @@ public:
     // ran) instead of reporting it. Lines run one at a time, from any thread.
     std::string run_line(const std::string& line, int number = 0);
 
+    // What became of a line posted from outside the script (the live view).
+    struct Posted {
+        enum class Outcome {
+            ran,      // it ran, and any expectation in it was met
+            refused,  // not run: not a command, or refused; text: why
+            unmet,    // an expectation not met; text: the report
+            busy,     // the script ran another line all the while
+        };
+        Outcome outcome;
+        std::string text;
+    };
+    // Runs one line as run_line does, waiting at most `longest_wait` in the
+    // line (longer waits are refused) and at most `script_wait` for the line
+    // that runs before it.
+    Posted run_posted(const std::string& line, std::chrono::milliseconds longest_wait,
+                      std::chrono::milliseconds script_wait);
+
     // Names the input in reports ("FILE:LINE: ..."); unnamed, "line N: ...".
     void set_source(const std::string& name);
     // Hands each command that ran to the recorder, and tells it before each
@@ -81,6 +99,9 @@ public:
     void print_tally() const;
 
 private:
+    // Runs one line; an unmet expectation's report also goes to *unmet when
+    // given. REQUIRES: line_mutex_ held.
+    std::string run_locked(const std::string& line, int number, std::string* unmet);
     void run_command(const Json& command);
     void send(const Json& command);
     void request(const Json& command);
@@ -111,7 +132,9 @@ private:
     std::atomic<int> met_{0};
     std::atomic<int> bad_lines_{0};
     std::atomic<bool> init_failure_expected_{false};
-    std::mutex line_mutex_;
+    std::timed_mutex line_mutex_;
+    static constexpr long long kLongestWait = 3600 * 1000;  // ms
+    long long longest_wait_ = kLongestWait;                 // ms; guarded by line_mutex_
 };
 
 }  // namespace terminal

@@ -66,7 +66,7 @@ try:
             ('command', b'{"person": "jump"}', same_origin, 400,
              '"person" must be "turn_left" or "turn_right", not "jump"\n'),
             ('command', b'{"note": "one\\ntwo"}\n', same_origin, 200, ''),
-            ('command', b'#' * (64 * 1024 + 1), {}, 413, ''),
+            ('command', b'#' * (64 * 1024 + 1), {}, 413, 'a command is at most 65536 bytes\n'),
             ('info', None, {'Host': 'evil.example'}, 403, None),
             ('command', b'{"note": "x"}', {'Origin': 'http://evil.example'}, 403, None),
             ('info', None, {}, 200,
