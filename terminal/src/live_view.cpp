@@ -31,6 +31,8 @@ using namespace std::chrono_literals;
 // A stream that saw nothing for this long gets a comment line, so that a
 // vanished client is noticed at the next write.
 constexpr auto kHeartbeat = 10s;
+// How often a quiet stream looks whether its page is still there.
+constexpr auto kStreamCheck = 1s;
 constexpr int kReadTimeoutSeconds = 5;
 constexpr int kWriteTimeoutSeconds = 5;
 // Stopping waits this long for the connections to end.
@@ -224,7 +226,12 @@ public:
     }
 
     bool is_readable() const override { return start_ < end_ || wait(POLLIN, read_timeout_ms_); }
-    bool is_writable() const override { return !over_ && wait(POLLOUT, write_timeout_ms_); }
+    // False too once the client has hung up, so that a stream ends soon
+    // after its page went away.
+    bool is_writable() const override
+    {
+        return !over_ && wait(POLLOUT | POLLRDHUP, write_timeout_ms_, POLLRDHUP | POLLHUP);
+    }
 
     ssize_t read(char* data, size_t size) override
     {
@@ -279,14 +286,15 @@ public:
     bool wrote() const { return wrote_; }
 
 private:
-    bool wait(short events, int timeout_ms) const
+    // True when one of `events` came within the time, and none of `gone`.
+    bool wait(short events, int timeout_ms, short gone = 0) const
     {
         pollfd watched{socket_, events, 0};
         int ready = 0;
         do {
             ready = ::poll(&watched, 1, timeout_ms);
         } while (ready < 0 && errno == EINTR);
-        return ready > 0;
+        return ready > 0 && (watched.revents & (gone | POLLERR)) == 0;
     }
 
     template <class Name>
@@ -677,12 +685,14 @@ void LiveView::events(httplib::Response& response)
     response.set_header("Cache-Control", "no-cache");
     response.set_chunked_content_provider(
         "text/event-stream",
-        [this, next](std::size_t, httplib::DataSink& sink) mutable {
+        [this, next, quiet_since = std::chrono::steady_clock::now()](
+            std::size_t, httplib::DataSink& sink) mutable {
             std::vector<Line> lines;
             {
                 std::unique_lock<std::mutex> lock(mutex_);
                 ++streams_waiting_;
-                changed_.wait_for(lock, kHeartbeat, [&] { return stopping_ || next < next_line_; });
+                changed_.wait_for(lock, kStreamCheck,
+                                  [&] { return stopping_ || next < next_line_; });
                 --streams_waiting_;
                 // A page that fell behind the history is dropped.
                 if (stopping_ || next < first_line_)
@@ -691,8 +701,16 @@ void LiveView::events(httplib::Response& response)
                              history_.end());
                 next = next_line_;
             }
-            if (lines.empty())
+            const auto now = std::chrono::steady_clock::now();
+            if (lines.empty()) {
+                // Back to the library, which ends the stream if the page has
+                // gone; a comment line now and then keeps the connection.
+                if (now - quiet_since < kHeartbeat)
+                    return true;
+                quiet_since = now;
                 return sink.write(": \n\n", 3);
+            }
+            quiet_since = now;
             for (const Line& line : lines) {
                 if (!sink.write(line->data(), line->size()))
                     return false;

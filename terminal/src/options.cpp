@@ -79,16 +79,18 @@ std::optional<int> parse_options(int argc, char** argv, Options& options)
         ->check(CLI::Range(1, 64))
         ->capture_default_str();
     app.add_option("--junit", options.junit, "write the check's JUnit XML report to this file");
-    app.add_option("--http", options.http,
-                   "serve the live view there (address 127.0.0.1 unless given; "
-                   "port 0: any free one) and run until interrupted")
-        ->type_name("[ADDR:]PORT")
-        ->check([](const std::string& text) { return http_address_error(text); });
+    CLI::Option* http =
+        app.add_option("--http", options.http,
+                       "serve the live view there (address 127.0.0.1 unless given; "
+                       "port 0: any free one) and run until interrupted")
+            ->type_name("[ADDR:]PORT")
+            ->check([](const std::string& text) { return http_address_error(text); });
     app.add_option("--http-token", options.http_token,
                    "the secret that every request to a live view off loopback must carry "
                    "(default: a new random one; the printed address carries it)")
         ->type_name("SECRET")
-        ->check([](const std::string& text) { return http_token_error(text); });
+        ->check([](const std::string& text) { return http_token_error(text); })
+        ->needs(http);
     try {
         app.parse(argc, argv);
         if (check && options.check.empty())

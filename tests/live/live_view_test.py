@@ -1,10 +1,12 @@
 #!/usr/bin/python3
-# The live view end to end: catra-terminal --http on a free port, its endpoints
-# and refusals through urllib, then the page in headless Chromium: a clockwise
-# release and a right turn show TURN RIGHT and the right-turn counter at 1.
+# The live view end to end: catra-terminal --http on a free port (standard
+# input a pseudo-terminal, as when a person runs it), its endpoints, its
+# guards and refusals, then the page in headless Chromium: a clockwise release
+# and a right turn show TURN RIGHT and the right-turn counter at 1; Ctrl-C ends it.
 # Arguments: the terminal program, its configuration, the folder for the
 # screenshot and the terminal's output.
 import os
+import pty
 import re
 import signal
 import socket
@@ -26,9 +28,10 @@ if bad.returncode == 0 or '"nowhere" is not an IP address or localhost' not in b
     raise AssertionError('--http nowhere:80: %d %s' % (bad.returncode, bad.stderr))
 out_path = os.path.join(folder, 'live_view_test.out.jsonl')
 err_path = os.path.join(folder, 'live_view_test.err.txt')
+typist, keyboard = pty.openpty()
 with open(out_path, 'w') as out, open(err_path, 'w') as err:
     terminal = subprocess.Popen([program, '--config', config, '--http', '0', '--json'],
-                                stdin=subprocess.DEVNULL, stdout=out, stderr=err)
+                                stdin=keyboard, stdout=out, stderr=err)
 
 
 def wait_until(check, what, seconds=20):
@@ -41,13 +44,31 @@ def wait_until(check, what, seconds=20):
     raise AssertionError('not seen within %d s: %s' % (seconds, what))
 
 
-def request(path, body=None, headers=None):
-    req = urllib.request.Request(url + path, data=body, headers=headers or {})
+def request(path, body=None, headers=None, base=None, stream=False):
+    req = urllib.request.Request((base or url) + path, data=body, headers=headers or {})
     try:
+        if stream:  # the open response, to read from
+            return urllib.request.urlopen(req, timeout=10)
         with urllib.request.urlopen(req, timeout=10) as response:
             return response.status, response.read().decode()
     except urllib.error.HTTPError as error:
-        return error.code, error.read().decode()
+        return None if stream else (error.code, error.read().decode())
+
+
+def raw(data):
+    """The status line of the answer to bytes sent on a connection of their own."""
+    with socket.create_connection((host, port), timeout=10) as connection:
+        try:
+            connection.sendall(data)
+        except OSError:
+            pass  # refused before all was sent: the answer tells why
+        return connection.recv(4096).split(b'\r\n')[0].decode()
+
+
+def start_another(*arguments):
+    other = subprocess.run([program, '--config', config, *arguments], timeout=30,
+                           stdin=subprocess.DEVNULL, capture_output=True, text=True)
+    return other.returncode, other.stderr
 
 
 def expect(actual, wanted, what):
@@ -67,6 +88,9 @@ try:
              '"person" must be "turn_left" or "turn_right", not "jump"\n'),
             ('command', b'{"note": "one\\ntwo"}\n', same_origin, 200, ''),
             ('command', b'#' * (64 * 1024 + 1), {}, 413, 'a command is at most 65536 bytes\n'),
+            ('command', b'{"wait_ms": 600000}', {}, 400, '"wait_ms" must be at most 5000\n'),
+            ('command', b'{"expect": {"note": "never"}, "timeout_ms": 0}', {}, 422,
+             'expect {"note":"never"}: no such line within 0 ms; the nearest...'),
             ('info', None, {'Host': 'evil.example'}, 403, None),
             ('command', b'{"note": "x"}', {'Origin': 'http://evil.example'}, 403, None),
             ('info', None, {}, 200,
@@ -76,11 +100,63 @@ try:
         got_status, got_text = request(path, body, headers)
         if text and '%s' in text:
             text = text % re.search(r'"device_path":"([^"]*)"', got_text)[1]
+        if text and text.endswith('...'):
+            got_text = got_text[:len(text) - 3] + '...'
         expect((got_status, got_text if text is not None else None), (status, text),
                '%s %r %r' % (path, body and body[:30], headers))
 
+    # Every answer forbids framing.
+    with urllib.request.urlopen(url, timeout=10) as page:
+        expect((page.headers['X-Frame-Options'], page.headers['Content-Security-Policy']),
+               ('DENY', "default-src 'self'; frame-ancestors 'none'; base-uri 'none'; "
+                        "form-action 'none'"), 'framing headers')
+    # Bounded requests: a chunked body, a head of too many lines.
+    chunks = b''.join(b'1000\r\n' + b'#' * 4096 + b'\r\n' for _ in range(20)) + b'0\r\n\r\n'
+    for data, status in [
+            (b'POST /command HTTP/1.1\r\nHost: %s\r\nTransfer-Encoding: chunked\r\n\r\n%s',
+             'HTTP/1.1 413 Payload Too Large'),
+            (b'GET /info HTTP/1.1\r\nHost: %s\r\n' + b'X: y\r\n' * 101 + b'\r\n%s',
+             'HTTP/1.1 431 Request Header Fields Too Large')]:
+        expect(raw(data % (host.encode(), chunks if b'chunked' in data else b'')), status,
+               data[:30])
+    # At most 32 watching pages and 64 connections; the next is refused.
+    held = []
+    for _ in range(32):
+        held.append(socket.create_connection((host, port), timeout=10))
+        held[-1].sendall(b'GET /events HTTP/1.1\r\nHost: %s\r\n\r\n' % host.encode())
+        held[-1].recv(1)
+    expect(request('events')[0], 503, '33rd page')
+    held += [socket.create_connection((host, port), timeout=10) for _ in range(32)]
+    wait_until(lambda: raw(b'GET /info HTTP/1.1\r\n\r\n') == 'HTTP/1.1 503 Service Unavailable',
+               '65th connection refused')
+    for connection in held:
+        connection.close()
+    wait_until(lambda: request('info')[0] == 200, 'the connections free again')
+    # A second terminal on the same port is refused; off loopback the
+    # secret is needed.
+    expect(start_another('--http', str(port)),
+           (1, 'catra-terminal: --http: cannot listen on %d: the port is in use (another '
+               'catra-terminal, or another program, listens there)\n' % port), 'same port')
+    with open(os.path.join(folder, 'live_view_test.token.txt'), 'w') as token_err:
+        secret = 'a-secret-of-the-bench'
+        other = subprocess.Popen([program, '--config', config, '--http', '0.0.0.0:0',
+                                  '--http-token', secret], stdin=subprocess.DEVNULL,
+                                 stdout=subprocess.DEVNULL, stderr=token_err)
+        try:
+            other_url = wait_until(lambda: re.search(r'the live view is at (http://\S+)',
+                                                     open(token_err.name).read()), 'URL')[1]
+            expect(other_url.endswith('/?token=' + secret), True, 'the URL carries the secret')
+            base = other_url.replace('0.0.0.0', '127.0.0.1').split('?')[0]
+            for headers, status in [({}, 401), ({'Authorization': 'Bearer ' + secret}, 200),
+                                    ({'Cookie': 'catra_live_token=' + secret}, 200),
+                                    ({'Cookie': 'catra_live_token=' + secret[1:]}, 401)]:
+                expect(request('info', None, headers, base)[0], status, headers)
+        finally:
+            other.kill()
+
     # The stream starts with the history: the terminal's first output line.
-    with urllib.request.urlopen(url + 'events', timeout=10) as events:
+    events = wait_until(lambda: request('events', stream=True), 'a stream free again')
+    with events:
         expect(events.headers.get_content_type(), 'text/event-stream', 'events type')
         expect(events.readline().decode(), 'data: %s' % open(out_path).readline(), 'history')
 
@@ -127,9 +203,11 @@ try:
     expect(received < notes * note_size, True, 'the stalled page dropped')
     expect(open(out_path).read().count('x' * note_size), notes, 'notes printed')
 
-    # SIGTERM ends the terminal cleanly, its output complete.
-    terminal.send_signal(signal.SIGTERM)
-    expect(terminal.wait(timeout=30), 0, 'exit code')
+    # Ctrl-C ends the terminal at once, though it reads its terminal, its
+    # output complete.
+    terminal.send_signal(signal.SIGINT)
+    # Its status counts the expectation posted above that was not met.
+    expect(terminal.wait(timeout=30), 1, 'exit code')
     expect('["event_name","TURN RIGHT"]' in open(out_path).read(), True, 'TURN RIGHT printed')
 finally:
     if terminal.poll() is None:
