@@ -195,17 +195,54 @@ void Script::execute(const std::string& line, int number)
         errors_ << "catra-terminal: " << where(number) << error << std::endl;
 }
 
+// The turn of one line, taken for the life of the object when owned().
+class Script::Turn {
+public:
+    // Waits as long as it takes.
+    explicit Turn(Script& script) : script_(script)
+    {
+        std::unique_lock<std::mutex> lock(script_.turn_mutex_);
+        script_.turn_free_.wait(lock, [this] { return !script_.turn_taken_; });
+        owned_ = script_.turn_taken_ = true;
+    }
+    // Waits at most `within`.
+    Turn(Script& script, std::chrono::milliseconds within) : script_(script)
+    {
+        std::unique_lock<std::mutex> lock(script_.turn_mutex_);
+        owned_ = script_.turn_free_.wait_for(lock, within, [this] { return !script_.turn_taken_; });
+        if (owned_)
+            script_.turn_taken_ = true;
+    }
+    ~Turn()
+    {
+        if (!owned_)
+            return;
+        {
+            std::lock_guard<std::mutex> lock(script_.turn_mutex_);
+            script_.turn_taken_ = false;
+        }
+        script_.turn_free_.notify_one();
+    }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+    bool owned() const { return owned_; }
+
+private:
+    Script& script_;
+    bool owned_ = false;
+};
+
 std::string Script::run_line(const std::string& line, int number)
 {
-    std::lock_guard<std::timed_mutex> lock(line_mutex_);
+    const Turn turn(*this);
     return run_locked(line, number, nullptr);
 }
 
 Script::Posted Script::run_posted(const std::string& line, std::chrono::milliseconds longest_wait,
                                   std::chrono::milliseconds script_wait)
 {
-    std::unique_lock<std::timed_mutex> lock(line_mutex_, script_wait);
-    if (!lock.owns_lock()) {
+    const Turn turn(*this, script_wait);
+    if (!turn.owned()) {
         return {Posted::Outcome::busy, "the script is still running another line after " +
                                            std::to_string(script_wait.count()) + " ms; try again"};
     }
@@ -220,7 +257,7 @@ Script::Posted Script::run_posted(const std::string& line, std::chrono::millisec
     return {Posted::Outcome::ran, ""};
 }
 
-// REQUIRES: line_mutex_ held
+// REQUIRES: the line's turn taken
 std::string Script::run_locked(const std::string& line, int number, std::string* unmet)
 {
     const auto first = line.find_first_not_of(" \t\r");

@@ -34,6 +34,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <iosfwd>
 #include <mutex>
 #include <string>
@@ -100,7 +101,7 @@ public:
 
 private:
     // Runs one line; an unmet expectation's report also goes to *unmet when
-    // given. REQUIRES: line_mutex_ held.
+    // given. REQUIRES: the line's turn taken.
     std::string run_locked(const std::string& line, int number, std::string* unmet);
     void run_command(const Json& command);
     void send(const Json& command);
@@ -132,9 +133,14 @@ private:
     std::atomic<int> met_{0};
     std::atomic<int> bad_lines_{0};
     std::atomic<bool> init_failure_expected_{false};
-    std::timed_mutex line_mutex_;
+    // One line runs at a time, from whichever thread: a line takes the turn
+    // for as long as it runs.
+    class Turn;
+    std::mutex turn_mutex_;
+    std::condition_variable turn_free_;
+    bool turn_taken_ = false;                               // guarded by turn_mutex_
     static constexpr long long kLongestWait = 3600 * 1000;  // ms
-    long long longest_wait_ = kLongestWait;                 // ms; guarded by line_mutex_
+    long long longest_wait_ = kLongestWait;                 // ms; with the line's turn
 };
 
 }  // namespace terminal
