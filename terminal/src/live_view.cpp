@@ -201,7 +201,7 @@ void refuse(int socket, int status, const std::string& reason, const std::string
 {
     std::string answer = "HTTP/1.1 " + std::to_string(status) + " " + reason + "\r\n";
     for (const auto& [name, value] : kGuardHeaders)
-        answer += name + ": " + value + "\r\n";
+        answer.append(name).append(": ").append(value).append("\r\n");
     answer += "Content-Type: text/plain\r\nContent-Length: " + std::to_string(text.size()) +
               "\r\nConnection: close\r\n\r\n" + text;
     (void)::send(socket, answer.data(), answer.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
@@ -302,17 +302,20 @@ private:
     {
         sockaddr_storage storage{};
         socklen_t length = sizeof storage;
+        // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): the socket API's type
         if (name(socket_, reinterpret_cast<sockaddr*>(&storage), &length) != 0)
             return;
         char text[INET6_ADDRSTRLEN] = "";
         if (storage.ss_family == AF_INET) {
-            const auto* v4 = reinterpret_cast<const sockaddr_in*>(&storage);
-            ::inet_ntop(AF_INET, &v4->sin_addr, text, sizeof text);
-            port = ntohs(v4->sin_port);
+            sockaddr_in v4{};
+            std::memcpy(&v4, &storage, sizeof v4);
+            ::inet_ntop(AF_INET, &v4.sin_addr, text, sizeof text);
+            port = ntohs(v4.sin_port);
         } else if (storage.ss_family == AF_INET6) {
-            const auto* v6 = reinterpret_cast<const sockaddr_in6*>(&storage);
-            ::inet_ntop(AF_INET6, &v6->sin6_addr, text, sizeof text);
-            port = ntohs(v6->sin6_port);
+            sockaddr_in6 v6{};
+            std::memcpy(&v6, &storage, sizeof v6);
+            ::inet_ntop(AF_INET6, &v6.sin6_addr, text, sizeof text);
+            port = ntohs(v6.sin6_port);
         }
         ip = text;
     }
@@ -595,7 +598,7 @@ std::string LiveView::listen(const std::string& text, const std::string& token)
         return "--http: cannot listen on " + text + ": " +
                (failure == EADDRINUSE ? "the port is in use (another catra-terminal, or "
                                         "another program, listens there)"
-                                      : std::strerror(failure));
+                                      : std::system_category().message(failure));
     }
     server_->widen_backlog();
     if (address.port != 0)
@@ -711,12 +714,12 @@ void LiveView::events(httplib::Response& response)
                 return sink.write(": \n\n", 3);
             }
             quiet_since = now;
-            for (const Line& line : lines) {
-                if (!sink.write(line->data(), line->size()))
-                    return false;
-            }
-            std::this_thread::sleep_for(kStreamBatch);
-            return true;
+            const bool sent = std::all_of(lines.begin(), lines.end(), [&sink](const Line& line) {
+                return sink.write(line->data(), line->size());
+            });
+            if (sent)
+                std::this_thread::sleep_for(kStreamBatch);
+            return sent;
         },
         [this](bool) {
             std::lock_guard<std::mutex> lock(mutex_);

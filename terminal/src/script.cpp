@@ -199,11 +199,11 @@ void Script::execute(const std::string& line, int number)
 class Script::Turn {
 public:
     // Waits as long as it takes.
-    explicit Turn(Script& script) : script_(script)
+    explicit Turn(Script& script) : script_(script), owned_(true)
     {
         std::unique_lock<std::mutex> lock(script_.turn_mutex_);
         script_.turn_free_.wait(lock, [this] { return !script_.turn_taken_; });
-        owned_ = script_.turn_taken_ = true;
+        script_.turn_taken_ = true;
     }
     // Waits at most `within`.
     Turn(Script& script, std::chrono::milliseconds within) : script_(script)
