@@ -1,0 +1,98 @@
+// What the plug-in's tests stand on in the stand-in host, one row each: the
+// clock's milliseconds, the types of message fields, a queue that outlives a
+// throwing handler, and a plug-in that cannot load.
+#include <atomic>
+#include <climits>
+#include <ctime>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include "ac/message_enqueuer.h"
+#include "ac/util.h"
+#include "terminal_test.h"
+
+namespace catra_test {
+namespace {
+
+// Milliseconds are truncated toward zero: the event loop's 100 ms and 500 ms
+// filters count whole milliseconds.
+TEST(HostClock, MillisecondsAreTruncated)
+{
+    const struct {
+        timespec time;
+        int ms;
+    } rows[] = {
+        {{0, 999'999}, 0},          {{0, 100'999'999}, 100}, {{1, 999'999'999}, 1999},
+        {{-1, 999'500'000}, 0},     {{-2, 0}, -2000},        {{3'000'000, 0}, INT_MAX},
+        {{0, 2'000'000'000}, 2000},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(ac::util::timespec_to_ms(row.time), row.ms)
+            << row.time.tv_sec << " s " << row.time.tv_nsec << " ns";
+    }
+}
+
+// A field is read only as the type it was added with.
+TEST(HostMessage, AFieldIsReadOnlyAsItsType)
+{
+    ac::Message message("m", 0, nullptr);
+    message.add_int("number", 7);
+    message.add_string("text", "7");
+    int number = -1;
+    std::string text = "untouched";
+    EXPECT_TRUE(message.get_int("number", &number));
+    EXPECT_EQ(number, 7);
+    EXPECT_FALSE(message.get_int("text", &number));
+    EXPECT_FALSE(message.get_int("absent", &number));
+    EXPECT_EQ(number, 7);
+    EXPECT_FALSE(message.get_string("number", &text));
+    EXPECT_EQ(text, "untouched");
+    EXPECT_TRUE(message.get_string("text", &text));
+    EXPECT_EQ(text, "7");
+}
+
+std::atomic<int> handled{0};
+
+void throwing_handler(ac::Message*)
+{
+    throw std::runtime_error("no such thing");
+}
+
+void counting_handler(ac::Message*)
+{
+    ++handled;
+}
+
+// A handler that throws is logged; the queue goes on with the next message.
+TEST(HostQueue, AThrowingHandlerIsLoggedAndTheQueueGoesOn)
+{
+    ac::MessageEnqueuer queue;
+    const ac::MessageListener table[] = {{"boom", throwing_handler, false},
+                                         {"next", counting_handler, false}};
+    queue.listen(table, 2);
+    std::thread runner([&queue] { queue.process(1000, [] {}); });
+    queue.enqueue(new ac::Message("boom", 0, nullptr), nullptr);
+    queue.enqueue(new ac::Message("next", 0, nullptr), nullptr);
+    ASSERT_TRUE(standin::Bus::instance().wait_idle());
+    EXPECT_EQ(handled.load(), 1);
+    standin::Bus::instance().stop_queues();
+    runner.join();
+    bool logged = false;
+    for (const standin::LogLine& line : standin::Logs::instance().lines())
+        logged = logged || line.text == "handler for boom threw: no such thing";
+    EXPECT_TRUE(logged);
+}
+
+// A file that is no plug-in is reported, and nothing runs.
+TEST(HostPlugin, AFileThatIsNoPluginIsReported)
+{
+    standin::PluginHost host(CATRA_NOT_A_PLUGIN);
+    std::string error;
+    EXPECT_FALSE(host.init(&error));
+    EXPECT_EQ(error, std::string(CATRA_NOT_A_PLUGIN) + ": invalid ELF header");
+    EXPECT_FALSE(host.start());
+}
+
+}  // namespace
+}  // namespace catra_test
