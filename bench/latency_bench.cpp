@@ -36,8 +36,8 @@
 
 #include "ac/ac.h"
 #include "ac_dal/ac_dal.h"
+#include "plugin_configuration.h"
 #include "simulator/controller_pty.h"
-#include "simulator/plugin_configuration.h"
 #include "standin/standin.h"
 
 namespace {

@@ -11,8 +11,8 @@
 
 #include "ac_dal/ac_dal.h"
 #include "catra_internal.h"
+#include "plugin_configuration.h"
 #include "simulator/controller_pty.h"
-#include "simulator/plugin_configuration.h"
 #include "standin/standin.h"
 
 namespace catra_fuzz {

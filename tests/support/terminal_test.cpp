@@ -1,6 +1,6 @@
 #include "terminal_test.h"
 
-#include "simulator/plugin_configuration.h"
+#include "plugin_configuration.h"
 
 #include "ac_dal/ac_dal.h"
 

@@ -26,8 +26,8 @@
 
 #include "ac/ac.h"
 #include "bus_recorder.h"
+#include "plugin_configuration.h"
 #include "simulator/controller_pty.h"
-#include "simulator/plugin_configuration.h"
 #include "standin/standin.h"
 #include "stderr_capture.h"
 #include "syscall_faults.h"

@@ -1,4 +1,4 @@
-#include "simulator/plugin_configuration.h"
+#include "plugin_configuration.h"
 
 namespace simulator {
 
