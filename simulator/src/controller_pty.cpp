@@ -79,22 +79,6 @@ void ControllerPty::write_event(char letter)
         throw std::system_error(EIO, std::generic_category(), "write_event: short write");
 }
 
-void ControllerPty::write_raw(const std::string& bytes)
-{
-    if (master_ < 0)
-        throw std::logic_error("write_raw on a hung-up controller line");
-    std::size_t done = 0;
-    while (done < bytes.size()) {
-        const ssize_t written = ::write(master_, bytes.data() + done, bytes.size() - done);
-        if (written < 0) {
-            if (errno == EINTR)
-                continue;
-            throw system_failure("write_raw");
-        }
-        done += static_cast<std::size_t>(written);
-    }
-}
-
 bool ControllerPty::receive_available()
 {
     char buffer[4096];
@@ -144,34 +128,6 @@ std::optional<std::string> ControllerPty::read_command(std::chrono::milliseconds
         if (!receive_more(deadline))
             return std::nullopt;
     }
-}
-
-std::optional<std::string> ControllerPty::read_bytes(std::size_t n,
-                                                     std::chrono::milliseconds timeout)
-{
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (pending_.size() < n) {
-        if (!receive_more(deadline))
-            return std::nullopt;
-    }
-    std::string bytes = pending_.substr(0, n);
-    pending_.erase(0, n);
-    return bytes;
-}
-
-std::string ControllerPty::drain()
-{
-    while (master_ >= 0) {
-        pollfd watched{master_, POLLIN, 0};
-        const int ready = ::poll(&watched, 1, 0);
-        if (ready < 0 && errno == EINTR)
-            continue;
-        if (ready <= 0 || !(watched.revents & POLLIN) || !receive_available())
-            break;
-    }
-    std::string all;
-    all.swap(pending_);
-    return all;
 }
 
 void ControllerPty::hang_up()

@@ -28,7 +28,7 @@ const char* const kOnePerProcess =
 // with standin::end_process while those threads still run.
 struct LoadedPlugin {
     std::unique_ptr<standin::PluginHost> host;
-    std::vector<std::unique_ptr<simulator::ControllerPty>> lines;
+    std::vector<std::unique_ptr<TestPty>> lines;
 };
 
 LoadedPlugin& loaded()
@@ -95,7 +95,7 @@ std::vector<std::string> TerminalTest::setup_commands()
 void TerminalTest::SetUp()
 {
     standin::install_services();
-    pty_ = std::make_unique<simulator::ControllerPty>();
+    pty_ = std::make_unique<TestPty>();
     SyscallFaults::reset();
     SyscallFaults::watch_path(pty_->slave_path());
     logs().clear();
@@ -207,6 +207,27 @@ std::vector<std::string> TerminalTest::log_texts(standin::LogLine::Kind kind) co
         if (line.kind == kind)
             texts.push_back(line.text);
     return texts;
+}
+
+std::optional<std::string> TestPty::read_bytes(std::size_t n, std::chrono::milliseconds timeout)
+{
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (pending_.size() < n) {
+        if (!receive_more(deadline))
+            return std::nullopt;
+    }
+    std::string bytes = pending_.substr(0, n);
+    pending_.erase(0, n);
+    return bytes;
+}
+
+std::string TestPty::drain()
+{
+    while (receive_more(std::chrono::steady_clock::now())) {
+    }
+    std::string all;
+    all.swap(pending_);
+    return all;
 }
 
 }  // namespace catra_test

@@ -75,6 +75,17 @@ struct Reply {
     std::string text() const;  // reply{key=1,...}
 };
 
+// The controller line with what only the tests read of it: exact bytes, and
+// whatever came in so far.
+class TestPty : public simulator::ControllerPty {
+public:
+    // Exactly n bytes as written by the other side, NULs included, or nothing
+    // when fewer arrived within the time-out (what did arrive stays buffered).
+    std::optional<std::string> read_bytes(std::size_t n, std::chrono::milliseconds timeout);
+    // Everything received so far and not yet read, without waiting.
+    std::string drain();
+};
+
 class TerminalTest : public ::testing::Test {
 public:
     // Configuration values of the defaults, for expectations.
@@ -136,7 +147,7 @@ protected:
     // The texts of the log lines of one kind, in order.
     std::vector<std::string> log_texts(standin::LogLine::Kind kind) const;
 
-    simulator::ControllerPty& pty() { return *pty_; }
+    TestPty& pty() { return *pty_; }
     BusRecorder& recorder() { return *recorder_; }
     standin::Bus& bus() { return standin::Bus::instance(); }
     standin::Config& config() { return standin::Config::instance(); }
@@ -147,7 +158,7 @@ protected:
 private:
     void seed_database();
 
-    std::unique_ptr<simulator::ControllerPty> pty_;
+    std::unique_ptr<TestPty> pty_;
     std::unique_ptr<BusRecorder> recorder_;
 };
 

@@ -25,45 +25,39 @@ public:
     // Path of the slave side, to be used as the controller's device path.
     const std::string& slave_path() const { return slave_path_; }
     int master_fd() const { return master_; }
-    bool hung_up() const { return master_ < 0; }
 
     // Reports one event: the letter and a NUL, two bytes in one write, the way
     // the controller reports it (the reader takes two bytes per event and looks
     // at the first). Throws std::system_error when the write fails or is short.
     void write_event(char letter);
-    // Writes the bytes as they are (any length, NULs included), completely.
-    void write_raw(const std::string& bytes);
 
     // The next NUL-terminated text written by the other side, without its NUL,
     // or nothing when no complete text arrived within the time-out.
     std::optional<std::string> read_command(std::chrono::milliseconds timeout);
-    // Exactly n bytes as written by the other side, NULs included, or nothing
-    // when fewer arrived within the time-out (what did arrive stays buffered).
-    std::optional<std::string> read_bytes(std::size_t n, std::chrono::milliseconds timeout);
-    // Everything received so far and not yet read, without waiting.
-    std::string drain();
 
     // Closes the master and the kept slave descriptor: the other side's reads
     // then see the line hung up.
     void hang_up();
 
-    // Reading (read_command, read_bytes, drain) is for one thread at a time;
-    // writes may come from another thread. hang_up must not race with either.
+    // Reading is for one thread at a time; writes may come from another
+    // thread. hang_up must not race with either.
 
-private:
+protected:
     // Waits for more bytes until the deadline; false on time-out or when the
     // line is closed.
     bool receive_more(std::chrono::steady_clock::time_point deadline);
     // Appends whatever is readable right now; false when nothing was.
     bool receive_available();
 
+    std::string pending_;  // received and not yet read
+
+private:
     int master_ = -1;
     // Kept open for the object's life: with no slave descriptor open the
     // master's reads fail with EIO, which would lose bytes between the
     // plug-in's opening and closing of the device.
     int slave_ = -1;
     std::string slave_path_;
-    std::string pending_;
 };
 
 }  // namespace simulator
