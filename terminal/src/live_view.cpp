@@ -181,8 +181,9 @@ int StopSignals::wait()
     return signal;
 }
 
-LiveView::LiveView(Output& output, const standin::Config& config, bool simulated)
-    : output_(output), config_(config), simulated_(simulated)
+LiveView::LiveView(Output& output, const standin::Config& config, standin::Database& database,
+                   bool simulated)
+    : output_(output), config_(config), database_(database), simulated_(simulated)
 {
     subscription_ = output_.subscribe([this](const Json& line) { publish(line); });
 }

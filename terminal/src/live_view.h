@@ -70,7 +70,8 @@ public:
 
     // Starts keeping the output's recent lines at once, so that the page
     // shows the start-up too.
-    LiveView(Output& output, const standin::Config& config, bool simulated);
+    LiveView(Output& output, const standin::Config& config, standin::Database& database,
+             bool simulated);
     ~LiveView();
     LiveView(const LiveView&) = delete;
     LiveView& operator=(const LiveView&) = delete;
@@ -97,6 +98,7 @@ private:
 
     Output& output_;
     const standin::Config& config_;
+    standin::Database& database_;
     const bool simulated_;
     int subscription_ = -1;
     std::unique_ptr<httplib::Server> server_;

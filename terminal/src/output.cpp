@@ -99,11 +99,18 @@ void Output::mark()
 
 bool Output::wait_for(const Json& pattern, std::chrono::milliseconds timeout, Json* found)
 {
+    return wait_until([&pattern](const Json& line) { return contains(line, pattern); }, timeout,
+                      found);
+}
+
+bool Output::wait_until(const std::function<bool(const Json&)>& wanted,
+                        std::chrono::milliseconds timeout, Json* found)
+{
     std::unique_lock<std::mutex> lock(mutex_);
     std::size_t looked_at = 0;  // lines before this one did not match
     const bool seen = printed_.wait_for(lock, timeout, [&] {
         for (; looked_at < since_mark_.size(); ++looked_at) {
-            if (contains(since_mark_[looked_at], pattern))
+            if (wanted(since_mark_[looked_at]))
                 return true;
         }
         return false;

@@ -35,6 +35,9 @@ public:
     // goes to *found when given. Every wait and expectation of a script
     // matches this way.
     bool wait_for(const Json& pattern, std::chrono::milliseconds timeout, Json* found = nullptr);
+    // As wait_for, for a line that `wanted` accepts.
+    bool wait_until(const std::function<bool(const Json&)>& wanted,
+                    std::chrono::milliseconds timeout, Json* found = nullptr);
     // The lines printed since the last mark, oldest first.
     std::vector<Json> since_mark() const;
 
