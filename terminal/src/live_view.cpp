@@ -12,6 +12,9 @@
 #include <sstream>
 #include <utility>
 
+#include "ac/ac.h"
+#include "observers.h"
+#include "records.h"
 #include "web_assets.h"
 
 namespace terminal {
@@ -28,6 +31,10 @@ constexpr time_t kWriteTimeoutSeconds = 5;
 // does not wait for it.
 constexpr time_t kKeepAliveSeconds = 2;
 constexpr auto kShutdownGrace = 3s;
+// What /state reads: the newest records, and how long the plug-in may take
+// to answer a read of its state.
+constexpr std::size_t kNewestRecords = 10;
+constexpr std::chrono::milliseconds kStateReadLimit = 2s;
 
 struct Address {
     std::string host;
@@ -247,6 +254,8 @@ std::string LiveView::listen(const std::string& text)
     }
     server_->Get("/info",
                  [this](const httplib::Request&, httplib::Response& response) { info(response); });
+    server_->Get("/state",
+                 [this](const httplib::Request&, httplib::Response& response) { state(response); });
     server_->Get("/events", [this](const httplib::Request&, httplib::Response& response) {
         events(response);
     });
@@ -410,7 +419,57 @@ void LiveView::info(httplib::Response& response) const
     info["operation_mode"] = value("catra", "operation_mode");
     info["exception_mode"] = value("host", "exception_mode");
     info["gateway"] = value("catra", "gateway");
+    Json names = Json::object();
+    for (char letter = 'a'; letter <= 'z'; ++letter) {
+        const std::string name = event_name(letter);
+        if (name != event_name('\0'))
+            names[std::string(1, letter)] = name;
+    }
+    info["event_names"] = names;
     response.set_content(info.dump(-1, ' ', false, Json::error_handler_t::replace),
+                         "application/json");
+}
+
+}  // namespace terminal
+
+namespace terminal {
+
+void LiveView::state(httplib::Response& response)
+{
+    // The plug-in's own answers, asked without printing: a read changes
+    // nothing in the output, in a recording or in a script's window. A value
+    // the plug-in does not give (still starting, or busy past the limit) is
+    // null.
+    auto field = [](const std::optional<Reply>& reply, const char* key) {
+        if (reply && reply->replied) {
+            for (const Json& pair : reply->fields) {
+                if (pair.at(0) == key)
+                    return pair.at(1);
+            }
+        }
+        return Json();
+    };
+    auto read = [](const char* type) {
+        return ask(std::make_unique<ac::Message>(type, 0, nullptr), kStateReadLimit, false);
+    };
+    const std::optional<Reply> state = read("catra_state");
+    const std::optional<Reply> enabled = read("catra_catra_enabled");
+    Json body;
+    body["state"] = field(state, "state");
+    body["default_state"] = field(state, "default_state");
+    body["enabled"] = field(enabled, "enabled");
+    try {
+        body["counters"] = dump_records(database_, "counters");
+        body["access_events"] = dump_records(database_, "access_events", kNewestRecords);
+        body["access_logs"] = dump_records(database_, "access_logs", kNewestRecords);
+    } catch (const std::exception& e) {
+        response.status = 500;
+        response.set_content(std::string("the records cannot be read: ") + e.what() + "\n",
+                             "text/plain");
+        return;
+    }
+    response.set_header("Cache-Control", "no-cache");
+    response.set_content(body.dump(-1, ' ', false, Json::error_handler_t::replace),
                          "application/json");
 }
 

@@ -2,7 +2,12 @@
 //
 //   GET  /         the page (HTML, CSS and JavaScript built into the program)
 //   GET  /info     what the page needs to know: buttonholes, simulated or not,
-//                  operation and exception mode
+//                  operation and exception mode, the names of the controller's
+//                  event letters
+//   GET  /state    what the page shows, read without acting and without a
+//                  line of output: state, default state, enabled, the
+//                  counters and the newest access events and access-log
+//                  records (JSON)
 //   GET  /events   text/event-stream, one event per output line: first the
 //                  recent history, then the lines as they are printed
 //   POST /command  one line of the script language, run as if read from the
@@ -95,6 +100,7 @@ private:
     void events(httplib::Response& response);
     void command(std::string line, httplib::Response& response);
     void info(httplib::Response& response) const;
+    void state(httplib::Response& response);
 
     Output& output_;
     const standin::Config& config_;

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <climits>
-#include <condition_variable>
 #include <istream>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <ostream>
 #include <stdexcept>
 #include <thread>
@@ -335,39 +335,17 @@ void Script::send(const Json& command)
 void Script::request(const Json& command)
 {
     const std::string type = message_type(command, "request");
-    // The request waits on a thread of its own, so that a receiver that never
-    // answers cannot stop the script; the exchange outlives that thread.
-    struct Exchange {
-        ac::MessageReply reply;
-        std::mutex mutex;
-        std::condition_variable returned;
-        bool done = false;
-    };
-    auto exchange = std::make_shared<Exchange>();
     std::unique_ptr<ac::Message> message = new_message(type, command);
-    message->set_reply(&exchange->reply);
     begin_action();
-    std::thread sender([exchange, sent = message.release()] {
-        {
-            OwnSend own;
-            ac::PostOffice::send_message_sync(sent);
-        }
-        std::lock_guard<std::mutex> lock(exchange->mutex);
-        exchange->done = true;
-        exchange->returned.notify_all();
-    });
-    std::unique_lock<std::mutex> lock(exchange->mutex);
-    if (!exchange->returned.wait_for(lock, kRequestTimeout, [&] { return exchange->done; })) {
-        sender.detach();
+    const std::optional<Reply> reply = ask(std::move(message), kRequestTimeout);
+    if (!reply) {
         throw CommandError("request " + quoted(type) + ": no answer within " +
                            std::to_string(kRequestTimeout.count()) + " ms");
     }
-    lock.unlock();
-    sender.join();
     Json line;
     line["reply"] = type;
-    line["replied"] = exchange->reply.replied();
-    line["fields"] = fields_json(exchange->reply.fields());
+    line["replied"] = reply->replied;
+    line["fields"] = reply->fields;
     output_.emit(line);
 }
 

@@ -1,7 +1,8 @@
 #!/usr/bin/python3
 # The live view end to end: catra-terminal --http on a free port, its endpoints
-# and refusals through urllib, then the page in headless Chromium: a clockwise
-# release and a right turn show TURN RIGHT and the right-turn counter at 1.
+# and refusals through urllib, then the page in headless Chromium: opening it
+# prints nothing; a clockwise release and a right turn show TURN RIGHT and the
+# right-turn counter at 1.
 # Arguments: the terminal program, its configuration, the folder for the
 # screenshot and the terminal's output.
 import os
@@ -61,6 +62,8 @@ try:
     same_origin = {'Origin': url.rstrip('/')}
     host, port = re.match(r'http://(.*):(\d+)/', url).groups()
     port = int(port)
+    # Posted lines run once the plug-in's start-up is over; before it, 503.
+    wait_until(lambda: request('command', b'{"note": "started"}')[0] == 200, 'the start-up over')
     for path, body, headers, status, text in [
             ('command', b'{"frobnicate": 1}', {}, 400, 'unknown command "frobnicate"\n'),
             ('command', b'{"person": "jump"}', same_origin, 400,
@@ -71,7 +74,10 @@ try:
             ('command', b'{"note": "x"}', {'Origin': 'http://evil.example'}, 403, None),
             ('info', None, {}, 200,
              '{"simulated":true,"device_path":"%s","buttonholes":[40,41,42],'
-             '"operation_mode":"blocked","exception_mode":"0","gateway":"clockwise"}'),
+             '"operation_mode":"blocked","exception_mode":"0","gateway":"clockwise","event_names":'
+             '{"a":"ALWAYS BLOCKED","b":"ALWAYS FREE LEFT","c":"ALWAYS FREE RIGHT","d":"ALWAYS FREE BOTH",'
+             '"e":"FREE LEFT","f":"FREE RIGHT","g":"FREE BOTH","h":"TURN LEFT","i":"TURN RIGHT",'
+             '"j":"GIVE UP","k":"BLOCKED","l":"EVENT_READY","m":"EVENT_NOT_READY"}}'),
     ]:
         got_status, got_text = request(path, body, headers)
         if text and '%s' in text:
@@ -96,7 +102,10 @@ try:
         driver.get(url)
         text = lambda id: driver.find_element(By.ID, id).text
         page = WebDriverWait(driver, 20)
-        page.until(lambda _: text('connection') == 'connected' and text('state') == 'blocked')
+        printed = open(out_path).read()
+        page.until(lambda _: text('connection') == 'connected' and text('state') == 'blocked' and
+                   text('counter-right_turns') == '0')
+        expect(open(out_path).read(), printed, 'the output after a page opened and read the state')
         driver.find_element(By.ID, 'release-clockwise').click()
         page.until(lambda _: text('state') == 'free clockwise')
         driver.find_element(By.ID, 'turn-right').click()
