@@ -391,9 +391,15 @@ void LiveView::command(std::string line, httplib::Response& response)
         response.set_content("one line at a time\n", "text/plain");
         return;
     }
-    const std::string error = script->run_line(line);
-    response.status = error.empty() ? 200 : 400;
-    response.set_content(error.empty() ? "" : error + "\n", "text/plain");
+    // A line that ran answers 200; one that is not a command 400; an action
+    // refused here 409; an expectation not met 422. The body says why.
+    const Script::Outcome outcome = script->run_line(line);
+    using Kind = Script::Outcome::Kind;
+    response.status = outcome.kind == Kind::ran       ? 200
+                      : outcome.kind == Kind::refused ? 409
+                      : outcome.kind == Kind::unmet   ? 422
+                                                      : 400;
+    response.set_content(outcome.kind == Kind::ran ? "" : outcome.text + "\n", "text/plain");
 }
 
 void LiveView::info(httplib::Response& response) const

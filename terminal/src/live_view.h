@@ -11,7 +11,9 @@
 //   GET  /events   text/event-stream, one event per output line: first the
 //                  recent history, then the lines as they are printed
 //   POST /command  one line of the script language, run as if read from the
-//                  script; 400 with the script's error text for a bad line
+//                  script: 200 when it ran; 400 for a bad line, 409 for an
+//                  action refused here, 422 for an unmet expectation, each
+//                  with the script's text of why
 //
 // The port controls the terminal, so requests are guarded: a Host or Origin
 // header that names another site gets 403, a body over 64 KiB 413. Each

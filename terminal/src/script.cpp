@@ -32,6 +32,11 @@ struct CommandError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// An action that cannot run in this session; its text is the error line.
+struct Refused : CommandError {
+    using CommandError::CommandError;
+};
+
 // An expectation that was not met; its text is the report.
 struct Unmet : std::runtime_error {
     using std::runtime_error::runtime_error;
@@ -191,18 +196,18 @@ void Script::run(std::istream& input)
 
 void Script::execute(const std::string& line, int number)
 {
-    const std::string error = run_line(line, number);
-    if (!error.empty())
-        errors_ << "catra-terminal: " << where(number) << error << std::endl;
+    const Outcome outcome = run_line(line, number);
+    if (outcome.kind == Outcome::Kind::bad || outcome.kind == Outcome::Kind::refused)
+        errors_ << "catra-terminal: " << where(number) << outcome.text << std::endl;
 }
 
-std::string Script::run_line(const std::string& line, int number)
+Script::Outcome Script::run_line(const std::string& line, int number)
 {
     std::lock_guard<std::mutex> lock(line_mutex_);
     const auto first = line.find_first_not_of(" \t\r");
     if (first == std::string::npos || line[first] == '#')
-        return "";
-    std::string error;
+        return {};
+    Outcome outcome;
     try {
         const Json command = Json::parse(line);
         if (!command.is_object())
@@ -211,19 +216,21 @@ std::string Script::run_line(const std::string& line, int number)
         run_command(command);
         if (recorder_ != nullptr)
             recorder_->ran(command);
+        return outcome;
     } catch (const Json::parse_error& e) {
-        error = "not valid JSON (at character " + std::to_string(e.byte) + ")";
+        outcome = {Outcome::Kind::bad, "not valid JSON (at character " + std::to_string(e.byte) + ")"};
     } catch (const Unmet& e) {
         // An unmet expectation is reported, and counted, where it is met or
         // not: the line itself ran.
         errors_ << "catra-terminal: " << where(number) << e.what() << std::endl;
-        return "";
+        return {Outcome::Kind::unmet, e.what()};
+    } catch (const Refused& e) {
+        outcome = {Outcome::Kind::refused, e.what()};
     } catch (const std::exception& e) {
-        error = e.what();
+        outcome = {Outcome::Kind::bad, e.what()};
     }
-    if (!error.empty())
-        ++bad_lines_;
-    return error;
+    ++bad_lines_;
+    return outcome;
 }
 
 void Script::set_source(const std::string& name)
@@ -321,7 +328,7 @@ void Script::run_command(const Json& command)
     }
 
     if (kind->action && !refusal_.empty())
-        throw CommandError(quoted(kind->name) + " is not run: " + refusal_);
+        throw Refused(quoted(kind->name) + " is not run: " + refusal_);
     (this->*kind->run)(command);
 }
 
@@ -501,8 +508,8 @@ void Script::note(const Json& command)
 simulator::Turnstile& Script::turnstile(const char* command)
 {
     if (turnstile_ == nullptr) {
-        throw CommandError(quoted(command) +
-                           " needs the simulated controller, but \"device_path\" names a device");
+        throw Refused(quoted(command) +
+                      " needs the simulated controller, but \"device_path\" names a device");
     }
     return *turnstile_;
 }

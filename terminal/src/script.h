@@ -55,9 +55,21 @@ public:
     void run(std::istream& input);
     // Runs one line; `number` names it in error reports.
     void execute(const std::string& line, int number);
-    // Runs one line as execute does and returns its error text ("" when it
-    // ran) instead of reporting it. Lines run one at a time, from any thread.
-    std::string run_line(const std::string& line, int number = 0);
+    // What became of one line.
+    struct Outcome {
+        enum class Kind {
+            ran,      // ran, and an expectation in it was met
+            bad,      // not a command, or a command that cannot run as written
+            refused,  // an action that cannot run here (no plug-in, no simulator)
+            unmet,    // an expectation that was not met
+        };
+        Kind kind = Kind::ran;
+        std::string text;  // why, for all but ran
+    };
+    // Runs one line as execute does and returns its outcome; an error is not
+    // reported (an unmet expectation is, and counted, as in a script). Lines
+    // run one at a time, from any thread.
+    Outcome run_line(const std::string& line, int number = 0);
 
     // Names the input in reports ("FILE:LINE: ..."); unnamed, "line N: ...".
     void set_source(const std::string& name);

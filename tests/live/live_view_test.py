@@ -70,6 +70,7 @@ try:
              '"person" must be "turn_left" or "turn_right", not "jump"\n'),
             ('command', b'{"note": "one\\ntwo"}\n', same_origin, 200, ''),
             ('command', b'#' * (64 * 1024 + 1), {}, 413, ''),
+            ('command', b'{"expect": {"controller": "x"}, "timeout_ms": 0}', {}, 422, None),
             ('info', None, {'Host': 'evil.example'}, 403, None),
             ('command', b'{"note": "x"}', {'Origin': 'http://evil.example'}, 403, None),
             ('info', None, {}, 200,
@@ -136,9 +137,11 @@ try:
     expect(received < notes * note_size, True, 'the stalled page dropped')
     expect(open(out_path).read().count('x' * note_size), notes, 'notes printed')
 
-    # SIGTERM ends the terminal cleanly, its output complete.
+    # SIGTERM ends the terminal cleanly, its output complete; failed, as one
+    # posted expectation was not met.
     terminal.send_signal(signal.SIGTERM)
-    expect(terminal.wait(timeout=30), 0, 'exit code')
+    expect(terminal.wait(timeout=30), 1, 'exit code')
+    expect('0 of 1 expectations met, 2 lines not run' in open(err_path).read(), True, 'the tally')
     expect('["event_name","TURN RIGHT"]' in open(out_path).read(), True, 'TURN RIGHT printed')
 finally:
     if terminal.poll() is None:
