@@ -210,8 +210,8 @@ std::optional<int> Session::prepare()
     }
 
     const bool json = options_.json || !::isatty(STDOUT_FILENO);
-    output_ = std::make_unique<Output>(stdout, json ? terminal::Style::json
-                                                    : terminal::Style::readable);
+    output_ =
+        std::make_unique<Output>(stdout, json ? terminal::Style::json : terminal::Style::readable);
     observers_ = std::make_unique<terminal::HostObservers>(*output_);
     if (!options_.http.empty()) {
         live_view_ = std::make_unique<terminal::LiveView>(
@@ -320,11 +320,26 @@ void Session::end_session(bool init_failed)
 {
     if (recorder_ != nullptr)
         recorder_->finish();
-    script_->print_tally();
     const terminal::Script::Tally tally = script_->tally();
     bool passed = tally.met == tally.expectations;
     if (init_failed)
         passed = passed && tally.init_failure_expected && tally.bad_lines == 0;
+    if (options_.result.empty()) {
+        script_->print_tally();
+    } else {
+        std::ofstream file(options_.result, std::ios::trunc);
+        file << Json{{"expectations", tally.expectations},
+                     {"met", tally.met},
+                     {"bad_lines", tally.bad_lines},
+                     {"init_failed", init_failed},
+                     {"passed", passed}}
+                    .dump()
+             << '\n';
+        if (!file.flush()) {
+            report(options_.result + ": cannot be written");
+            passed = false;
+        }
+    }
     finish(passed ? 0 : 1);
 }
 

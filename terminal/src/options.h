@@ -18,6 +18,7 @@ struct Options {
     int jobs = 1;                    // scenarios checked at once
     std::string junit;               // JUnit report of the check; empty: none
     std::string http;                // [ADDR:]PORT of the live view; empty: none
+    std::string result;              // JSON file for the session's result; empty: none
 };
 
 // Fills `options` from the command line. Returns the exit code when the

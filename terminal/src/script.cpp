@@ -218,7 +218,8 @@ Script::Outcome Script::run_line(const std::string& line, int number)
             recorder_->ran(command);
         return outcome;
     } catch (const Json::parse_error& e) {
-        outcome = {Outcome::Kind::bad, "not valid JSON (at character " + std::to_string(e.byte) + ")"};
+        outcome = {Outcome::Kind::bad,
+                   "not valid JSON (at character " + std::to_string(e.byte) + ")"};
     } catch (const Unmet& e) {
         // An unmet expectation is reported, and counted, where it is met or
         // not: the line itself ran.
