@@ -29,6 +29,7 @@
 #include "simulator/controller_pty.h"
 #include "simulator/turnstile.h"
 #include "standin/standin.h"
+#include "window.h"
 
 namespace {
 
@@ -167,6 +168,7 @@ private:
     std::optional<terminal::StopSignals> stop_signals_;
     std::ifstream script_file_;
     std::unique_ptr<Output> output_;
+    std::unique_ptr<terminal::Window> window_;
     std::unique_ptr<terminal::HostObservers> observers_;
     std::unique_ptr<terminal::LiveView> live_view_;
     std::unique_ptr<SimulatedController> controller_;
@@ -212,6 +214,7 @@ std::optional<int> Session::prepare()
     const bool json = options_.json || !::isatty(STDOUT_FILENO);
     output_ =
         std::make_unique<Output>(stdout, json ? terminal::Style::json : terminal::Style::readable);
+    window_ = std::make_unique<terminal::Window>(*output_);
     observers_ = std::make_unique<terminal::HostObservers>(*output_);
     if (!options_.http.empty()) {
         live_view_ = std::make_unique<terminal::LiveView>(
@@ -232,13 +235,14 @@ std::optional<int> Session::prepare()
         turnstile_ = &controller_->turnstile;
     }
 
-    script_ = std::make_unique<terminal::Script>(*output_, database, turnstile_, std::cerr);
+    script_ =
+        std::make_unique<terminal::Script>(*output_, *window_, database, turnstile_, std::cerr);
     if (!options_.script.empty())
         script_->set_source(options_.script);
     if (!options_.record.empty()) {
         try {
             recorder_ =
-                std::make_unique<terminal::Recorder>(options_.record, *output_, options_.config);
+                std::make_unique<terminal::Recorder>(options_.record, *window_, options_.config);
         } catch (const std::exception& e) {
             report(e.what());
             finish(1);
@@ -272,7 +276,7 @@ void Session::start_plugin()
 
 void Session::wait_for_start_up()
 {
-    if (output_->wait_until(answers_mode_command, kStartUpLimit)) {
+    if (window_->wait_until(answers_mode_command, kStartUpLimit)) {
         settle(*output_, turnstile_);
     } else {
         report("the plug-in's start-up did not end within " +

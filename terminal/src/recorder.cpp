@@ -35,8 +35,8 @@ Json expectation_for(const Json& line)
     return nullptr;
 }
 
-Recorder::Recorder(const std::string& path, Output& output, const std::string& config)
-    : output_(output), file_(path, std::ios::trunc)
+Recorder::Recorder(const std::string& path, Window& window, const std::string& config)
+    : window_(window), file_(path, std::ios::trunc)
 {
     if (!file_)
         throw std::runtime_error(path + ": cannot be written");
@@ -80,7 +80,7 @@ void Recorder::finish()
 
 void Recorder::write_expectations()
 {
-    const std::vector<Json> lines = output_.since_mark();
+    const std::vector<Json> lines = window_.since_mark();
     for (std::size_t i = written_; i < lines.size(); ++i) {
         Json expected = expectation_for(lines[i]);
         if (!expected.is_null())

@@ -180,9 +180,9 @@ void send_own(std::unique_ptr<ac::Message> message)
 
 }  // namespace
 
-Script::Script(Output& output, standin::Database& database, simulator::Turnstile* turnstile,
-               std::ostream& errors)
-    : output_(output), database_(database), turnstile_(turnstile), errors_(errors)
+Script::Script(Output& output, Window& window, standin::Database& database,
+               simulator::Turnstile* turnstile, std::ostream& errors)
+    : output_(output), window_(window), database_(database), turnstile_(turnstile), errors_(errors)
 {
 }
 
@@ -280,7 +280,7 @@ void Script::begin_action()
 {
     if (recorder_ != nullptr)
         recorder_->before_action();
-    output_.mark();
+    window_.mark();
 }
 
 void Script::run_command(const Json& command)
@@ -461,7 +461,7 @@ void Script::wait_for(const Json& command)
     const Json& pattern = pattern_of(command, "wait_for");
     const std::chrono::milliseconds timeout{
         milliseconds(command, "timeout_ms", kDefaultWaitFor.count())};
-    if (!output_.wait_for(pattern, timeout)) {
+    if (!window_.wait_for(pattern, timeout)) {
         throw CommandError("wait_for " + compact(pattern) + ": no such line within " +
                            std::to_string(timeout.count()) + " ms");
     }
@@ -474,10 +474,10 @@ void Script::expect(const Json& command)
         milliseconds(command, "timeout_ms", kDefaultWaitFor.count())};
     ++expectations_;
     Json found;
-    if (!output_.wait_for(pattern, timeout, &found)) {
+    if (!window_.wait_for(pattern, timeout, &found)) {
         throw Unmet("expect " + compact(pattern) + ": no such line within " +
                     std::to_string(timeout.count()) + " ms" +
-                    nearest_lines(output_.since_mark(), pattern));
+                    nearest_lines(window_.since_mark(), pattern));
     }
     ++met_;
     if (found.is_object() && found.contains("init_failed"))
@@ -491,7 +491,7 @@ void Script::expect_none(const Json& command)
         milliseconds(command, "for_ms", kDefaultExpectNone.count())};
     ++expectations_;
     Json found;
-    if (output_.wait_for(pattern, span, &found)) {
+    if (window_.wait_for(pattern, span, &found)) {
         throw Unmet("expect_none " + compact(pattern) + ": printed within " +
                     std::to_string(span.count()) + " ms since the last action:\n    " +
                     compact(found));

@@ -40,6 +40,7 @@
 #include "output.h"
 #include "simulator/turnstile.h"
 #include "standin/standin.h"
+#include "window.h"
 
 namespace terminal {
 
@@ -48,8 +49,9 @@ class Recorder;
 class Script {
 public:
     // `turnstile` is null when the plug-in drives a real controller device.
-    Script(Output& output, standin::Database& database, simulator::Turnstile* turnstile,
-           std::ostream& errors);
+    // `window` follows `output` from before the plug-in starts.
+    Script(Output& output, Window& window, standin::Database& database,
+           simulator::Turnstile* turnstile, std::ostream& errors);
 
     // Runs every line of the input, in order.
     void run(std::istream& input);
@@ -113,6 +115,7 @@ private:
     void begin_action();
 
     Output& output_;
+    Window& window_;
     standin::Database& database_;
     simulator::Turnstile* turnstile_;
     std::ostream& errors_;
