@@ -193,7 +193,9 @@ void write_junit(const std::string& path, const std::vector<std::string>& scenar
                                         [](const Outcome& outcome) { return !outcome.passed; });
     const std::time_t now = std::time(nullptr);
     char timestamp[32] = "";
-    std::strftime(timestamp, sizeof timestamp, "%Y-%m-%dT%H:%M:%S", std::gmtime(&now));
+    std::tm utc{};
+    ::gmtime_r(&now, &utc);
+    std::strftime(timestamp, sizeof timestamp, "%Y-%m-%dT%H:%M:%S", &utc);
     file << std::fixed << std::setprecision(3)
          << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<testsuites tests=\"" << scenarios.size()
          << "\" failures=\"" << failures << "\" time=\"" << seconds

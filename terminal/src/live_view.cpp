@@ -10,6 +10,7 @@
 #include <cstring>
 #include <functional>
 #include <sstream>
+#include <system_error>
 #include <utility>
 
 #include "ac/ac.h"
@@ -248,6 +249,8 @@ std::string LiveView::listen(const std::string& text)
     });
     for (const web::Asset& asset : web::assets) {
         server_->Get(asset.path, [&asset](const httplib::Request&, httplib::Response& response) {
+            // The embedded bytes are the page's text, as the library takes it.
+            // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast)
             response.set_content(reinterpret_cast<const char*>(asset.data), asset.size, asset.type);
             response.set_header("Cache-Control", "no-cache");
         });
@@ -280,7 +283,7 @@ std::string LiveView::listen(const std::string& text)
     const bool bound = address.port == 0 ? (port_ = server_->bind_to_any_port(host_)) > 0
                                          : server_->bind_to_port(host_, address.port);
     if (!bound) {
-        const std::string reason = std::strerror(errno);
+        const std::string reason = std::generic_category().message(errno);
         server_.reset();
         return "--http: cannot listen on " + text + ": " + reason;
     }

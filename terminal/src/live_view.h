@@ -54,6 +54,7 @@ std::string http_address_error(const std::string& text);
 class StopSignals {
 public:
     StopSignals();
+    ~StopSignals() = default;
     StopSignals(const StopSignals&) = delete;
     StopSignals& operator=(const StopSignals&) = delete;
     // Returns the signal that arrived.
@@ -69,11 +70,11 @@ public:
     // fewer than 500.
     static constexpr std::size_t kHistoryLines = 1000;
     static constexpr std::size_t kHistoryLinesKept = 500;
-    static constexpr std::size_t kHistoryBytes = 8 * 1024 * 1024;
+    static constexpr std::size_t kHistoryBytes = std::size_t{8} * 1024 * 1024;
     // A page's stream falls behind by at most this much before it is dropped.
     static constexpr std::size_t kClientQueueLines = 4096;
-    static constexpr std::size_t kClientQueueBytes = 8 * 1024 * 1024;
-    static constexpr std::size_t kLongestBody = 64 * 1024;
+    static constexpr std::size_t kClientQueueBytes = std::size_t{8} * 1024 * 1024;
+    static constexpr std::size_t kLongestBody = std::size_t{64} * 1024;
 
     // Starts keeping the output's recent lines at once, so that the page
     // shows the start-up too.

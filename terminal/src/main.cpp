@@ -80,7 +80,7 @@ struct SimulatedController {
 // Lets the work that the input started finish: bus and plug-in queues idle,
 // the controller line read in both directions, no timed release pending, and
 // a moment without output. Bounded: a pending release adds its own time.
-void settle(Output& output, simulator::Turnstile* turnstile)
+void settle(const Output& output, simulator::Turnstile* turnstile)
 {
     auto limit = std::chrono::steady_clock::now() + kSettleLimit;
     for (;;) {

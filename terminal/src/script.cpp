@@ -25,7 +25,7 @@ constexpr std::chrono::milliseconds kDefaultWaitFor{5000};
 constexpr std::chrono::milliseconds kDefaultExpectNone{1000};
 constexpr std::size_t kNearestShown = 5;
 constexpr std::chrono::milliseconds kRequestTimeout{10000};
-constexpr long long kLongestWait = 3600 * 1000;
+constexpr long long kLongestWait = 3600LL * 1000;
 
 // A command that cannot be run as written; its text is the error line.
 struct CommandError : std::runtime_error {
@@ -91,7 +91,7 @@ std::string text_value(const Json& value, const std::string& what)
 
 std::string message_type(const Json& command, const char* key)
 {
-    const std::string type = text_value(command.at(key), quoted(key));
+    std::string type = text_value(command.at(key), quoted(key));
     if (type.empty())
         throw CommandError(quoted(key) + " needs a message type");
     return type;
@@ -423,7 +423,7 @@ void Script::controller(const Json& command)
 void Script::person(const Json& command)
 {
     const std::string action = text_value(command.at("person"), "\"person\"");
-    simulator::Side side;
+    simulator::Side side{};
     if (action == "turn_left") {
         side = simulator::Side::left;
     } else if (action == "turn_right") {
