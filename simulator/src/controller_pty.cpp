@@ -29,9 +29,8 @@ void close_quietly(int& fd)
 
 }  // namespace
 
-ControllerPty::ControllerPty()
+ControllerPty::ControllerPty() : master_(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC))
 {
-    master_ = ::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     if (master_ < 0)
         throw system_failure("posix_openpt");
     try {
@@ -69,7 +68,7 @@ void ControllerPty::write_event(char letter)
     if (master_ < 0)
         throw std::logic_error("write_event on a hung-up controller line");
     const char event[2] = {letter, '\0'};
-    ssize_t written;
+    ssize_t written = -1;
     do {
         written = ::write(master_, event, sizeof event);
     } while (written < 0 && errno == EINTR);

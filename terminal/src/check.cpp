@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
@@ -10,6 +11,11 @@
 #include <iomanip>
 #include <mutex>
 #include <regex>
+#include <system_error>
+
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <thread>
 
@@ -29,6 +35,37 @@ struct Outcome {
     double seconds = 0;
     std::vector<std::string> reasons;  // why it failed, as the terminal reported it
     std::string printed;               // what the terminal printed, for the report
+};
+
+using Json = nlohmann::json;
+
+// A fresh empty file for a child's result, removed with this object.
+class ResultFile {
+public:
+    ResultFile()
+    {
+        std::string pattern =
+            (std::filesystem::temp_directory_path() / "catra-check-XXXXXX").string();
+        const int fd = ::mkstemp(pattern.data());
+        if (fd < 0)
+            throw std::system_error(errno, std::generic_category(), "a result file");
+        ::close(fd);
+        path_ = pattern;
+    }
+    ~ResultFile() { std::remove(path_.c_str()); }
+    ResultFile(const ResultFile&) = delete;
+    ResultFile& operator=(const ResultFile&) = delete;
+
+    const std::string& path() const { return path_; }
+    // The result the child wrote; null when none (it did not end its session).
+    Json read() const
+    {
+        std::ifstream file(path_);
+        return Json::parse(file, nullptr, false);
+    }
+
+private:
+    std::string path_;
 };
 
 std::vector<std::string> lines_of(const std::string& text)
@@ -56,6 +93,10 @@ Outcome check_one(const CheckOptions& options, const std::string& scenario)
     }
     arguments.push_back("--script");
     arguments.push_back(scenario);
+    // The child's result comes back in a file of its own, as JSON.
+    const ResultFile result_file;
+    arguments.push_back("--result");
+    arguments.push_back(result_file.path());
 
     const auto started = std::chrono::steady_clock::now();
     ChildResult run;
@@ -69,24 +110,18 @@ Outcome check_one(const CheckOptions& options, const std::string& scenario)
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
     outcome.printed = run.out;
 
-    // The terminal's last word on a script: "N of M expectations met", and
-    // the lines it could not run.
-    static const std::regex tally(
-        R"(^catra-terminal: (?:.*: )?(\d+) of (\d+) expectations met(, (\d+) lines? not run)?$)");
-    int bad_lines = 0;
-    bool tallied = false;
+    // What the terminal reported on its error stream: the reasons of a failure.
     for (const std::string& line : lines_of(run.err)) {
-        std::smatch found;
-        if (std::regex_match(line, found, tally)) {
-            outcome.met = std::stoi(found[1]);
-            outcome.expectations = std::stoi(found[2]);
-            bad_lines = found[4].matched ? std::stoi(found[4]) : 0;
-            tallied = true;
-        } else {
-            const std::string prefix = "catra-terminal: ";
-            outcome.reasons.push_back(line.rfind(prefix, 0) == 0 ? line.substr(prefix.size())
-                                                                 : line);
-        }
+        const std::string prefix = "catra-terminal: ";
+        outcome.reasons.push_back(line.rfind(prefix, 0) == 0 ? line.substr(prefix.size()) : line);
+    }
+    const Json result = result_file.read();
+    const bool tallied = result.is_object();
+    bool passed = false;
+    if (tallied) {
+        outcome.expectations = result.value("expectations", 0);
+        outcome.met = result.value("met", 0);
+        passed = result.value("passed", false) && result.value("bad_lines", 1) == 0;
     }
     if (run.timed_out) {
         outcome.reasons.push_back("did not end within " + std::to_string(kScenarioLimit.count()) +
@@ -95,10 +130,11 @@ Outcome check_one(const CheckOptions& options, const std::string& scenario)
         outcome.reasons.push_back("the terminal ended with status " +
                                   std::to_string(run.exit_code));
     }
-    if (run.exit_code == 0 && (!tallied || outcome.expectations == 0))
+    if (run.exit_code == 0 && !tallied)
+        outcome.reasons.push_back("the terminal wrote no result");
+    else if (run.exit_code == 0 && outcome.expectations == 0)
         outcome.reasons.push_back("the scenario states no expectations");
-    outcome.passed = run.exit_code == 0 && tallied && outcome.expectations > 0 &&
-                     outcome.met == outcome.expectations && bad_lines == 0;
+    outcome.passed = run.exit_code == 0 && passed && outcome.expectations > 0;
     if (outcome.passed)
         outcome.reasons.clear();  // what remains are notes such as an expected init failure
     return outcome;
@@ -157,7 +193,9 @@ void write_junit(const std::string& path, const std::vector<std::string>& scenar
                                         [](const Outcome& outcome) { return !outcome.passed; });
     const std::time_t now = std::time(nullptr);
     char timestamp[32] = "";
-    std::strftime(timestamp, sizeof timestamp, "%Y-%m-%dT%H:%M:%S", std::gmtime(&now));
+    std::tm utc{};
+    ::gmtime_r(&now, &utc);
+    std::strftime(timestamp, sizeof timestamp, "%Y-%m-%dT%H:%M:%S", &utc);
     file << std::fixed << std::setprecision(3)
          << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<testsuites tests=\"" << scenarios.size()
          << "\" failures=\"" << failures << "\" time=\"" << seconds

@@ -63,7 +63,7 @@ public:
     const posix_spawn_file_actions_t* get() const { return &actions_; }
 
 private:
-    posix_spawn_file_actions_t actions_;
+    posix_spawn_file_actions_t actions_{};
 };
 
 int milliseconds_until(std::chrono::steady_clock::time_point deadline)
@@ -85,6 +85,7 @@ ChildResult run_child(const std::vector<std::string>& arguments, std::chrono::mi
     actions.dup(err.write_end(), STDERR_FILENO);
     std::vector<std::string> words = arguments;
     std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
     for (std::string& word : words)
         argv.push_back(word.data());
     argv.push_back(nullptr);

@@ -20,6 +20,9 @@
 #include <utility>
 #include <vector>
 
+#include "ac/ac.h"
+#include "observers.h"
+#include "records.h"
 #include "web_assets.h"
 
 namespace terminal {
@@ -42,6 +45,10 @@ constexpr auto kShutdownGrace = 1s;
 constexpr auto kStreamBatch = 25ms;
 // The name of the cookie that carries the secret, once the page has it.
 const std::string kTokenCookie = "catra_live_token";
+// What /state reads: the newest records, and how long the plug-in may take
+// to answer a read of its state.
+constexpr std::size_t kNewestRecords = 10;
+constexpr std::chrono::milliseconds kStateReadLimit = 2s;
 
 struct Address {
     std::string host;
@@ -474,8 +481,9 @@ void StopSignals::end_at_once_on_next()
     }).detach();
 }
 
-LiveView::LiveView(Output& output, const standin::Config& config, bool simulated)
-    : output_(output), config_(config), simulated_(simulated)
+LiveView::LiveView(Output& output, const standin::Config& config, standin::Database& database,
+                   bool simulated)
+    : output_(output), config_(config), database_(database), simulated_(simulated)
 {
     subscription_ = output_.subscribe([this](const Json& line) { publish(line); });
 }
@@ -552,12 +560,16 @@ std::string LiveView::listen(const std::string& text, const std::string& token)
         });
     for (const web::Asset& asset : web::assets) {
         server_->Get(asset.path, [&asset](const httplib::Request&, httplib::Response& response) {
+            // The embedded bytes are the page's text, as the library takes it.
+            // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast)
             response.set_content(reinterpret_cast<const char*>(asset.data), asset.size, asset.type);
             response.set_header("Cache-Control", "no-cache");
         });
     }
     server_->Get("/info",
                  [this](const httplib::Request&, httplib::Response& response) { info(response); });
+    server_->Get("/state",
+                 [this](const httplib::Request&, httplib::Response& response) { state(response); });
     server_->Get("/events", [this](const httplib::Request&, httplib::Response& response) {
         events(response);
     });
@@ -728,8 +740,9 @@ void LiveView::events(httplib::Response& response)
 }
 
 // 200: the line ran (and its expectation, if any, was met); 400: not a
-// command, or refused; 422: an expectation not met; 503: the terminal still
-// starts, or the script stayed busy with another line. The body says why.
+// command; 409: an action refused here; 422: an expectation not met; 503:
+// the terminal still starts, or the script stayed busy with another line.
+// The body says why.
 void LiveView::command(std::string line, httplib::Response& response)
 {
     while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
@@ -749,14 +762,17 @@ void LiveView::command(std::string line, httplib::Response& response)
         response.set_content("one line at a time\n", "text/plain");
         return;
     }
-    const Script::Posted posted = script->run_posted(line, kLongestPostedWait, kLongestScriptWait);
-    switch (posted.outcome) {
-        case Script::Posted::Outcome::ran: response.status = 200; break;
-        case Script::Posted::Outcome::refused: response.status = 400; break;
-        case Script::Posted::Outcome::unmet: response.status = 422; break;
-        case Script::Posted::Outcome::busy: response.status = 503; break;
+    const Script::Outcome outcome =
+        script->run_posted(line, kLongestPostedWait, kLongestScriptWait);
+    using Kind = Script::Outcome::Kind;
+    switch (outcome.kind) {
+        case Kind::ran: response.status = 200; break;
+        case Kind::bad: response.status = 400; break;
+        case Kind::refused: response.status = 409; break;
+        case Kind::unmet: response.status = 422; break;
+        case Kind::busy: response.status = 503; break;
     }
-    response.set_content(posted.text.empty() ? "" : posted.text + "\n", "text/plain");
+    response.set_content(outcome.kind == Kind::ran ? "" : outcome.text + "\n", "text/plain");
 }
 
 void LiveView::info(httplib::Response& response) const
@@ -782,7 +798,57 @@ void LiveView::info(httplib::Response& response) const
     info["operation_mode"] = value("catra", "operation_mode");
     info["exception_mode"] = value("host", "exception_mode");
     info["gateway"] = value("catra", "gateway");
+    Json names = Json::object();
+    for (char letter = 'a'; letter <= 'z'; ++letter) {
+        const std::string name = event_name(letter);
+        if (name != event_name('\0'))
+            names[std::string(1, letter)] = name;
+    }
+    info["event_names"] = names;
     response.set_content(info.dump(-1, ' ', false, Json::error_handler_t::replace),
+                         "application/json");
+}
+
+}  // namespace terminal
+
+namespace terminal {
+
+void LiveView::state(httplib::Response& response)
+{
+    // The plug-in's own answers, asked without printing: a read changes
+    // nothing in the output, in a recording or in a script's window. A value
+    // the plug-in does not give (still starting, or busy past the limit) is
+    // null.
+    auto field = [](const std::optional<Reply>& reply, const char* key) {
+        if (reply && reply->replied) {
+            for (const Json& pair : reply->fields) {
+                if (pair.at(0) == key)
+                    return pair.at(1);
+            }
+        }
+        return Json();
+    };
+    auto read = [](const char* type) {
+        return ask(std::make_unique<ac::Message>(type, 0, nullptr), kStateReadLimit, false);
+    };
+    const std::optional<Reply> state = read("catra_state");
+    const std::optional<Reply> enabled = read("catra_catra_enabled");
+    Json body;
+    body["state"] = field(state, "state");
+    body["default_state"] = field(state, "default_state");
+    body["enabled"] = field(enabled, "enabled");
+    try {
+        body["counters"] = dump_records(database_, "counters");
+        body["access_events"] = dump_records(database_, "access_events", kNewestRecords);
+        body["access_logs"] = dump_records(database_, "access_logs", kNewestRecords);
+    } catch (const std::exception& e) {
+        response.status = 500;
+        response.set_content(std::string("the records cannot be read: ") + e.what() + "\n",
+                             "text/plain");
+        return;
+    }
+    response.set_header("Cache-Control", "no-cache");
+    response.set_content(body.dump(-1, ' ', false, Json::error_handler_t::replace),
                          "application/json");
 }
 

@@ -2,11 +2,19 @@
 //
 //   GET  /         the page (HTML, CSS and JavaScript built into the program)
 //   GET  /info     what the page needs to know: buttonholes, simulated or not,
-//                  operation and exception mode
+//                  operation and exception mode, the names of the controller's
+//                  event letters
+//   GET  /state    what the page shows, read without acting and without a
+//                  line of output: state, default state, enabled, the
+//                  counters and the newest access events and access-log
+//                  records (JSON)
 //   GET  /events   text/event-stream, one event per output line: first the
 //                  recent history, then the lines as they are printed
 //   POST /command  one line of the script language, run as if read from the
-//                  script; answered with its outcome (see command())
+//                  script, answered with its outcome: 200 when it ran; 400
+//                  for a bad line, 409 for an action refused here, 422 for an
+//                  unmet expectation, 503 when the script stays busy, each
+//                  with the text of why
 //
 // The port controls the terminal, so the server guards it, and bounds what
 // any client can make it hold:
@@ -62,6 +70,7 @@ std::string http_token_error(const std::string& text);
 class StopSignals {
 public:
     StopSignals();
+    ~StopSignals() = default;
     StopSignals(const StopSignals&) = delete;
     StopSignals& operator=(const StopSignals&) = delete;
     // Returns the signal that arrived.
@@ -78,9 +87,9 @@ class LiveView {
 public:
     // The history: the last 1000 lines, or as many as fit in 4 MiB.
     static constexpr std::size_t kHistoryLines = 1000;
-    static constexpr std::size_t kHistoryBytes = 4 * 1024 * 1024;
-    static constexpr std::size_t kLongestBody = 64 * 1024;
-    static constexpr std::size_t kLongestHead = 32 * 1024;
+    static constexpr std::size_t kHistoryBytes = std::size_t{4} * 1024 * 1024;
+    static constexpr std::size_t kLongestBody = std::size_t{64} * 1024;
+    static constexpr std::size_t kLongestHead = std::size_t{32} * 1024;
     static constexpr std::size_t kMostHeaderLines = 100;
     static constexpr std::size_t kMostConnections = 64;
     static constexpr std::size_t kMostStreams = 32;
@@ -89,7 +98,8 @@ public:
 
     // Starts keeping the output's recent lines at once, so that the page
     // shows the start-up too.
-    LiveView(Output& output, const standin::Config& config, bool simulated);
+    LiveView(Output& output, const standin::Config& config, standin::Database& database,
+             bool simulated);
     ~LiveView();
     LiveView(const LiveView&) = delete;
     LiveView& operator=(const LiveView&) = delete;
@@ -115,9 +125,11 @@ private:
     void events(httplib::Response& response);
     void command(std::string line, httplib::Response& response);
     void info(httplib::Response& response) const;
+    void state(httplib::Response& response);
 
     Output& output_;
     const standin::Config& config_;
+    standin::Database& database_;
     const bool simulated_;
     int subscription_ = -1;
     std::unique_ptr<Server> server_;

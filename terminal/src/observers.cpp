@@ -1,15 +1,22 @@
 #include "observers.h"
 
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "ac/ac.h"
 #include "standin/standin.h"
 
 namespace terminal {
 
 namespace {
 
-bool& own_send_flag()
+// 0: the plug-in's messages; 1: the terminal's own, printed; 2: the
+// terminal's own, not printed.
+int& own_send_flag()
 {
-    thread_local bool active = false;
-    return active;
+    thread_local int kind = 0;
+    return kind;
 }
 
 const char* kind_name(standin::LogLine::Kind kind)
@@ -46,25 +53,63 @@ Json fields_json(const std::vector<ac::MessageField>& fields)
     return pairs;
 }
 
-OwnSend::OwnSend() : was_active_(own_send_flag())
+OwnSend::OwnSend(bool printed) : was_(own_send_flag())
 {
-    own_send_flag() = true;
+    own_send_flag() = printed ? 1 : 2;
 }
 
 OwnSend::~OwnSend()
 {
-    own_send_flag() = was_active_;
+    own_send_flag() = was_;
 }
 
 bool OwnSend::active()
 {
-    return own_send_flag();
+    return own_send_flag() != 0;
+}
+
+bool OwnSend::unprinted()
+{
+    return own_send_flag() == 2;
+}
+
+std::optional<Reply> ask(std::unique_ptr<ac::Message> message, std::chrono::milliseconds timeout,
+                         bool printed)
+{
+    // The exchange outlives a sender thread that is left waiting.
+    struct Exchange {
+        ac::MessageReply reply;
+        std::mutex mutex;
+        std::condition_variable returned;
+        bool done = false;
+    };
+    auto exchange = std::make_shared<Exchange>();
+    message->set_reply(&exchange->reply);
+    std::thread sender([exchange, printed, sent = message.release()] {
+        {
+            OwnSend own(printed);
+            ac::PostOffice::send_message_sync(sent);
+        }
+        std::lock_guard<std::mutex> lock(exchange->mutex);
+        exchange->done = true;
+        exchange->returned.notify_all();
+    });
+    std::unique_lock<std::mutex> lock(exchange->mutex);
+    if (!exchange->returned.wait_for(lock, timeout, [&] { return exchange->done; })) {
+        sender.detach();
+        return std::nullopt;
+    }
+    lock.unlock();
+    sender.join();
+    return Reply{exchange->reply.replied(), fields_json(exchange->reply.fields())};
 }
 
 HostObservers::HostObservers(Output& output)
 {
     bus_subscription_ =
         standin::Bus::instance().subscribe([&output](const ac::Message& msg, bool /*sync*/) {
+            if (OwnSend::unprinted())
+                return;
             Json line;
             line[OwnSend::active() ? "sent" : "bus"] = msg.type();
             line["fields"] = fields_json(msg.fields());

@@ -3,6 +3,9 @@
 // logged it, at that moment.
 #pragma once
 
+#include <chrono>
+#include <memory>
+#include <optional>
 #include <vector>
 
 #include "ac/message.h"
@@ -18,15 +21,31 @@ Json fields_json(const std::vector<ac::MessageField>& fields);
 // the plug-in's {"bus": ...}.
 class OwnSend {
 public:
-    OwnSend();
+    // `printed` false: the messages are not printed at all (the live view's
+    // reads, which change nothing).
+    explicit OwnSend(bool printed = true);
     ~OwnSend();
     OwnSend(const OwnSend&) = delete;
     OwnSend& operator=(const OwnSend&) = delete;
     static bool active();
+    static bool unprinted();
 
 private:
-    bool was_active_;
+    int was_;
 };
+
+// The reply to a request sent to the plug-in.
+struct Reply {
+    bool replied = false;
+    Json fields;  // as fields_json gives them
+};
+
+// Sends a request as the terminal's own, synchronously on a thread of its
+// own, and waits for it: its reply, or nothing when it did not return within
+// `timeout` (a receiver that never answers holds that thread, not the
+// caller). `printed` as for OwnSend.
+std::optional<Reply> ask(std::unique_ptr<ac::Message> message, std::chrono::milliseconds timeout,
+                         bool printed = true);
 
 // Subscribes to the bus and to the logs (whose echo to standard error it
 // turns off) until destroyed.

@@ -73,6 +73,10 @@ std::optional<int> parse_options(int argc, char** argv, Options& options)
         ->excludes(script)
         ->excludes(record)
         ->excludes(db);
+    app.add_option("--result", options.result,
+                   "at the end, write the session's result to this file as one JSON object "
+                   "(expectations, met, bad_lines, init_failed, passed): what --check reads")
+        ->excludes("--check");
     app.add_option("scenarios", options.check, "the scenario files that --check checks")
         ->type_name("SCENARIO...");
     app.add_option("-j,--jobs", options.jobs, "scenarios checked at once")

@@ -19,6 +19,7 @@ struct Options {
     std::string junit;               // JUnit report of the check; empty: none
     std::string http;                // [ADDR:]PORT of the live view; empty: none
     std::string http_token;          // the live view's secret off loopback; empty: a new one
+    std::string result;              // JSON file for the session's result; empty: none
 };
 
 // Fills `options` from the command line. Returns the exit code when the

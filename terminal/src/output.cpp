@@ -67,15 +67,11 @@ Output::Output(std::FILE* stream, Style style)
 
 void Output::emit(const Json& line)
 {
-    {
-        std::lock_guard<std::mutex> lock(mutex_);
-        print(line);
-        since_mark_.push_back(line);
-        last_ = std::chrono::steady_clock::now();
-        for (const auto& subscriber : subscribers_)
-            subscriber.second(line);
-    }
-    printed_.notify_all();
+    std::lock_guard<std::mutex> lock(mutex_);
+    print(line);
+    last_ = std::chrono::steady_clock::now();
+    for (const auto& subscriber : subscribers_)
+        subscriber.second(line);
 }
 
 int Output::subscribe(std::function<void(const Json&)> subscriber)
@@ -91,34 +87,6 @@ void Output::unsubscribe(int id)
     subscribers_.erase(id);
 }
 
-void Output::mark()
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    since_mark_.clear();
-}
-
-bool Output::wait_for(const Json& pattern, std::chrono::milliseconds timeout, Json* found)
-{
-    std::unique_lock<std::mutex> lock(mutex_);
-    std::size_t looked_at = 0;  // lines before this one did not match
-    const bool seen = printed_.wait_for(lock, timeout, [&] {
-        for (; looked_at < since_mark_.size(); ++looked_at) {
-            if (contains(since_mark_[looked_at], pattern))
-                return true;
-        }
-        return false;
-    });
-    if (seen && found != nullptr)
-        *found = since_mark_[looked_at];
-    return seen;
-}
-
-std::vector<Json> Output::since_mark() const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return {since_mark_.begin(), since_mark_.end()};
-}
-
 std::chrono::steady_clock::duration Output::quiet_time() const
 {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -131,63 +99,6 @@ void Output::print(const Json& line)
     std::fputs(text.c_str(), stream_);
     std::fputc('\n', stream_);
     std::fflush(stream_);
-}
-
-bool contains(const Json& line, const Json& pattern)
-{
-    if (pattern.is_object()) {
-        if (!line.is_object())
-            return false;
-        for (const auto& member : pattern.items()) {
-            const auto found = line.find(member.key());
-            if (found == line.end() || !contains(*found, member.value()))
-                return false;
-        }
-        return true;
-    }
-    if (pattern.is_array()) {
-        if (!line.is_array())
-            return false;
-        for (const Json& wanted : pattern) {
-            bool seen = false;
-            for (const Json& element : line) {
-                if (contains(element, wanted)) {
-                    seen = true;
-                    break;
-                }
-            }
-            if (!seen)
-                return false;
-        }
-        return true;
-    }
-    return line == pattern;
-}
-
-int nearness(const Json& line, const Json& pattern)
-{
-    if (pattern.is_object()) {
-        int score = 0;
-        for (const auto& member : pattern.items()) {
-            const auto found = line.is_object() ? line.find(member.key()) : line.end();
-            if (line.is_object() && found != line.end())
-                score += nearness(*found, member.value());
-        }
-        return score;
-    }
-    if (pattern.is_array()) {
-        int score = 0;
-        for (const Json& wanted : pattern) {
-            int best = 0;
-            if (line.is_array()) {
-                for (const Json& element : line)
-                    best = std::max(best, nearness(element, wanted));
-            }
-            score += best;
-        }
-        return score;
-    }
-    return line == pattern ? 1 : 0;
 }
 
 std::string readable(const Json& line)

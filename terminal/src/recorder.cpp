@@ -1,5 +1,6 @@
 #include "recorder.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <stdexcept>
 
@@ -34,8 +35,8 @@ Json expectation_for(const Json& line)
     return nullptr;
 }
 
-Recorder::Recorder(const std::string& path, Output& output, const std::string& config)
-    : output_(output), file_(path, std::ios::trunc)
+Recorder::Recorder(const std::string& path, Window& window, const std::string& config)
+    : window_(window), file_(path, std::ios::trunc)
 {
     if (!file_)
         throw std::runtime_error(path + ": cannot be written");
@@ -52,10 +53,17 @@ Recorder::Recorder(const std::string& path, Output& output, const std::string& c
     file_.flush();
 }
 
+void Recorder::start_up_over()
+{
+    std::lock_guard<std::mutex> lock(mutex_);
+    write_expectations();
+}
+
 void Recorder::before_action()
 {
     std::lock_guard<std::mutex> lock(mutex_);
     write_expectations();
+    written_ = 0;  // the action starts a new stretch of output
 }
 
 void Recorder::ran(const Json& command)
@@ -72,11 +80,13 @@ void Recorder::finish()
 
 void Recorder::write_expectations()
 {
-    for (const Json& line : output_.since_mark()) {
-        Json expected = expectation_for(line);
+    const std::vector<Json> lines = window_.since_mark();
+    for (std::size_t i = written_; i < lines.size(); ++i) {
+        Json expected = expectation_for(lines[i]);
         if (!expected.is_null())
             write(Json{{"expect", std::move(expected)}});
     }
+    written_ = std::max(written_, lines.size());
 }
 
 void Recorder::write(const Json& line)

@@ -9,7 +9,7 @@
 #include <mutex>
 #include <string>
 
-#include "output.h"
+#include "window.h"
 
 namespace terminal {
 
@@ -18,8 +18,10 @@ public:
     // Creates (or empties) the file, naming the session's configuration file
     // (when there is one) on a "# config:" line for --check; throws
     // std::runtime_error when it cannot be written.
-    Recorder(const std::string& path, Output& output, const std::string& config = "");
+    Recorder(const std::string& path, Window& window, const std::string& config = "");
 
+    // The plug-in's start-up is over: the expectations for what it did.
+    void start_up_over();
     // An action is about to act: the expectations for what was printed since
     // the previous one.
     void before_action();
@@ -29,12 +31,17 @@ public:
     void finish();
 
 private:
+    // Writes the expectations for the lines printed since the last action
+    // that were not written yet.
     void write_expectations();     // REQUIRES: mutex_ held
     void write(const Json& line);  // REQUIRES: mutex_ held
 
-    Output& output_;
+    Window& window_;
     std::mutex mutex_;
     std::ofstream file_;  // guarded by mutex_
+    // Lines since the last action whose expectations are written (the
+    // start-up's, written when it was over). Guarded by mutex_.
+    std::size_t written_ = 0;
 };
 
 // The expectation a recorded session holds for an output line; null for the

@@ -88,12 +88,14 @@ bool is_dump_name(const std::string& what)
            what == "counters" || what == "portals";
 }
 
-Json dump_records(standin::Database& database, const std::string& what)
+Json dump_records(standin::Database& database, const std::string& what, std::size_t newest)
 {
+    const std::string order =
+        newest == 0 ? " ORDER BY id" : " ORDER BY id DESC LIMIT " + std::to_string(newest);
     if (what == "access_events") {
         return rows_of(
             database,
-            "SELECT id, module, name, uuid, device_id, timestamp FROM access_events ORDER BY id",
+            "SELECT id, module, name, uuid, device_id, timestamp FROM access_events" + order,
             {{"id", true},
              {"module", false},
              {"name", false},
@@ -102,7 +104,7 @@ Json dump_records(standin::Database& database, const std::string& what)
              {"timestamp", true}});
     }
     if (what == "access_logs")
-        return rows_of(database, std::string(kAccessLogSelect) + " ORDER BY id", kAccessLogColumns);
+        return rows_of(database, std::string(kAccessLogSelect) + order, kAccessLogColumns);
     if (what == "exit_requests") {
         return rows_of(database,
                        std::string(kAccessLogSelect) + " WHERE event = " +

@@ -2,6 +2,7 @@
 // request.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 #include "output.h"
@@ -24,6 +25,8 @@ bool is_dump_name(const std::string& what);
 //   "exit_requests"  the access-log records of exit requests (event 12)
 //   "counters"       name, value for the four turn counters
 //   "portals"        id, device_id, name, actions (action ids in order)
-Json dump_records(standin::Database& database, const std::string& what);
+// With `newest` above 0, access events and access-log records are only the
+// newest that many, newest first.
+Json dump_records(standin::Database& database, const std::string& what, std::size_t newest = 0);
 
 }  // namespace terminal

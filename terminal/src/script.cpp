@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <climits>
-#include <condition_variable>
 #include <istream>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <ostream>
 #include <stdexcept>
 #include <thread>
@@ -29,6 +29,11 @@ constexpr std::chrono::milliseconds kRequestTimeout{10000};
 // A command that cannot be run as written; its text is the error line.
 struct CommandError : std::runtime_error {
     using std::runtime_error::runtime_error;
+};
+
+// An action that cannot run in this session; its text is the error line.
+struct Refused : CommandError {
+    using CommandError::CommandError;
 };
 
 // An expectation that was not met; its text is the report.
@@ -85,7 +90,7 @@ std::string text_value(const Json& value, const std::string& what)
 
 std::string message_type(const Json& command, const char* key)
 {
-    const std::string type = text_value(command.at(key), quoted(key));
+    std::string type = text_value(command.at(key), quoted(key));
     if (type.empty())
         throw CommandError(quoted(key) + " needs a message type");
     return type;
@@ -174,9 +179,9 @@ void send_own(std::unique_ptr<ac::Message> message)
 
 }  // namespace
 
-Script::Script(Output& output, standin::Database& database, simulator::Turnstile* turnstile,
-               std::ostream& errors)
-    : output_(output), database_(database), turnstile_(turnstile), errors_(errors)
+Script::Script(Output& output, Window& window, standin::Database& database,
+               simulator::Turnstile* turnstile, std::ostream& errors)
+    : output_(output), window_(window), database_(database), turnstile_(turnstile), errors_(errors)
 {
 }
 
@@ -190,9 +195,9 @@ void Script::run(std::istream& input)
 
 void Script::execute(const std::string& line, int number)
 {
-    const std::string error = run_line(line, number);
-    if (!error.empty())
-        errors_ << "catra-terminal: " << where(number) << error << std::endl;
+    const Outcome outcome = run_line(line, number);
+    if (outcome.kind == Outcome::Kind::bad || outcome.kind == Outcome::Kind::refused)
+        errors_ << "catra-terminal: " << where(number) << outcome.text << std::endl;
 }
 
 // The turn of one line, taken for the life of the object when owned().
@@ -232,38 +237,33 @@ private:
     bool owned_ = false;
 };
 
-std::string Script::run_line(const std::string& line, int number)
+Script::Outcome Script::run_line(const std::string& line, int number)
 {
     const Turn turn(*this);
-    return run_locked(line, number, nullptr);
+    return run_locked(line, number);
 }
 
-Script::Posted Script::run_posted(const std::string& line, std::chrono::milliseconds longest_wait,
-                                  std::chrono::milliseconds script_wait)
+Script::Outcome Script::run_posted(const std::string& line, std::chrono::milliseconds longest_wait,
+                                   std::chrono::milliseconds script_wait)
 {
     const Turn turn(*this, script_wait);
     if (!turn.owned()) {
-        return {Posted::Outcome::busy, "the script is still running another line after " +
-                                           std::to_string(script_wait.count()) + " ms; try again"};
+        return {Outcome::Kind::busy, "the script is still running another line after " +
+                                         std::to_string(script_wait.count()) + " ms; try again"};
     }
     longest_wait_ = longest_wait.count();
-    std::string unmet;
-    const std::string error = run_locked(line, 0, &unmet);
+    Outcome outcome = run_locked(line, 0);
     longest_wait_ = kLongestWait;
-    if (!error.empty())
-        return {Posted::Outcome::refused, error};
-    if (!unmet.empty())
-        return {Posted::Outcome::unmet, unmet};
-    return {Posted::Outcome::ran, ""};
+    return outcome;
 }
 
 // REQUIRES: the line's turn taken
-std::string Script::run_locked(const std::string& line, int number, std::string* unmet)
+Script::Outcome Script::run_locked(const std::string& line, int number)
 {
     const auto first = line.find_first_not_of(" \t\r");
     if (first == std::string::npos || line[first] == '#')
-        return "";
-    std::string error;
+        return {};
+    Outcome outcome;
     try {
         const Json command = Json::parse(line);
         if (!command.is_object())
@@ -272,21 +272,22 @@ std::string Script::run_locked(const std::string& line, int number, std::string*
         run_command(command);
         if (recorder_ != nullptr)
             recorder_->ran(command);
+        return outcome;
     } catch (const Json::parse_error& e) {
-        error = "not valid JSON (at character " + std::to_string(e.byte) + ")";
+        outcome = {Outcome::Kind::bad,
+                   "not valid JSON (at character " + std::to_string(e.byte) + ")"};
     } catch (const Unmet& e) {
         // An unmet expectation is reported, and counted, where it is met or
         // not: the line itself ran.
         errors_ << "catra-terminal: " << where(number) << e.what() << std::endl;
-        if (unmet != nullptr)
-            *unmet = e.what();
-        return "";
+        return {Outcome::Kind::unmet, e.what()};
+    } catch (const Refused& e) {
+        outcome = {Outcome::Kind::refused, e.what()};
     } catch (const std::exception& e) {
-        error = e.what();
+        outcome = {Outcome::Kind::bad, e.what()};
     }
-    if (!error.empty())
-        ++bad_lines_;
-    return error;
+    ++bad_lines_;
+    return outcome;
 }
 
 void Script::set_source(const std::string& name)
@@ -335,7 +336,7 @@ void Script::begin_action()
 {
     if (recorder_ != nullptr)
         recorder_->before_action();
-    output_.mark();
+    window_.mark();
 }
 
 void Script::run_command(const Json& command)
@@ -384,7 +385,7 @@ void Script::run_command(const Json& command)
     }
 
     if (kind->action && !refusal_.empty())
-        throw CommandError(quoted(kind->name) + " is not run: " + refusal_);
+        throw Refused(quoted(kind->name) + " is not run: " + refusal_);
     (this->*kind->run)(command);
 }
 
@@ -398,41 +399,19 @@ void Script::send(const Json& command)
 void Script::request(const Json& command)
 {
     const std::string type = message_type(command, "request");
-    // The request waits on a thread of its own, so that a receiver that never
-    // answers cannot stop the script; the exchange outlives that thread.
-    struct Exchange {
-        ac::MessageReply reply;
-        std::mutex mutex;
-        std::condition_variable returned;
-        bool done = false;
-    };
-    auto exchange = std::make_shared<Exchange>();
     std::unique_ptr<ac::Message> message = new_message(type, command);
-    message->set_reply(&exchange->reply);
     begin_action();
-    std::thread sender([exchange, sent = message.release()] {
-        {
-            OwnSend own;
-            ac::PostOffice::send_message_sync(sent);
-        }
-        std::lock_guard<std::mutex> lock(exchange->mutex);
-        exchange->done = true;
-        exchange->returned.notify_all();
-    });
-    std::unique_lock<std::mutex> lock(exchange->mutex);
     const std::chrono::milliseconds timeout{
         std::min<long long>(kRequestTimeout.count(), longest_wait_)};
-    if (!exchange->returned.wait_for(lock, timeout, [&] { return exchange->done; })) {
-        sender.detach();
+    const std::optional<Reply> reply = ask(std::move(message), timeout);
+    if (!reply) {
         throw CommandError("request " + quoted(type) + ": no answer within " +
                            std::to_string(timeout.count()) + " ms");
     }
-    lock.unlock();
-    sender.join();
     Json line;
     line["reply"] = type;
-    line["replied"] = exchange->reply.replied();
-    line["fields"] = fields_json(exchange->reply.fields());
+    line["replied"] = reply->replied;
+    line["fields"] = reply->fields;
     output_.emit(line);
 }
 
@@ -502,7 +481,7 @@ void Script::controller(const Json& command)
 void Script::person(const Json& command)
 {
     const std::string action = text_value(command.at("person"), "\"person\"");
-    simulator::Side side;
+    simulator::Side side{};
     if (action == "turn_left") {
         side = simulator::Side::left;
     } else if (action == "turn_right") {
@@ -540,7 +519,7 @@ void Script::wait_for(const Json& command)
     const Json& pattern = pattern_of(command, "wait_for");
     const std::chrono::milliseconds timeout{
         milliseconds(command, "timeout_ms", kDefaultWaitFor.count(), longest_wait_)};
-    if (!output_.wait_for(pattern, timeout)) {
+    if (!window_.wait_for(pattern, timeout)) {
         throw CommandError("wait_for " + compact(pattern) + ": no such line within " +
                            std::to_string(timeout.count()) + " ms");
     }
@@ -553,10 +532,10 @@ void Script::expect(const Json& command)
         milliseconds(command, "timeout_ms", kDefaultWaitFor.count(), longest_wait_)};
     ++expectations_;
     Json found;
-    if (!output_.wait_for(pattern, timeout, &found)) {
+    if (!window_.wait_for(pattern, timeout, &found)) {
         throw Unmet("expect " + compact(pattern) + ": no such line within " +
                     std::to_string(timeout.count()) + " ms" +
-                    nearest_lines(output_.since_mark(), pattern));
+                    nearest_lines(window_.since_mark(), pattern));
     }
     ++met_;
     if (found.is_object() && found.contains("init_failed"))
@@ -570,7 +549,7 @@ void Script::expect_none(const Json& command)
         milliseconds(command, "for_ms", kDefaultExpectNone.count(), longest_wait_)};
     ++expectations_;
     Json found;
-    if (output_.wait_for(pattern, span, &found)) {
+    if (window_.wait_for(pattern, span, &found)) {
         throw Unmet("expect_none " + compact(pattern) + ": printed within " +
                     std::to_string(span.count()) + " ms since the last action:\n    " +
                     compact(found));
@@ -588,8 +567,8 @@ void Script::note(const Json& command)
 simulator::Turnstile& Script::turnstile(const char* command)
 {
     if (turnstile_ == nullptr) {
-        throw CommandError(quoted(command) +
-                           " needs the simulated controller, but \"device_path\" names a device");
+        throw Refused(quoted(command) +
+                      " needs the simulated controller, but \"device_path\" names a device");
     }
     return *turnstile_;
 }

@@ -42,6 +42,7 @@
 #include "output.h"
 #include "simulator/turnstile.h"
 #include "standin/standin.h"
+#include "window.h"
 
 namespace terminal {
 
@@ -50,33 +51,36 @@ class Recorder;
 class Script {
 public:
     // `turnstile` is null when the plug-in drives a real controller device.
-    Script(Output& output, standin::Database& database, simulator::Turnstile* turnstile,
-           std::ostream& errors);
+    // `window` follows `output` from before the plug-in starts.
+    Script(Output& output, Window& window, standin::Database& database,
+           simulator::Turnstile* turnstile, std::ostream& errors);
 
     // Runs every line of the input, in order.
     void run(std::istream& input);
     // Runs one line; `number` names it in error reports.
     void execute(const std::string& line, int number);
-    // Runs one line as execute does and returns its error text ("" when it
-    // ran) instead of reporting it. Lines run one at a time, from any thread.
-    std::string run_line(const std::string& line, int number = 0);
-
-    // What became of a line posted from outside the script (the live view).
-    struct Posted {
-        enum class Outcome {
-            ran,      // it ran, and any expectation in it was met
-            refused,  // not run: not a command, or refused; text: why
-            unmet,    // an expectation not met; text: the report
-            busy,     // the script ran another line all the while
+    // What became of one line.
+    struct Outcome {
+        enum class Kind {
+            ran,      // ran, and an expectation in it was met
+            bad,      // not a command, or a command that cannot run as written
+            refused,  // an action that cannot run here (no plug-in, no simulator)
+            unmet,    // an expectation that was not met
+            busy,     // posted, and the script ran another line all the while
         };
-        Outcome outcome;
-        std::string text;
+        Kind kind = Kind::ran;
+        std::string text;  // why, for all but ran
     };
-    // Runs one line as run_line does, waiting at most `longest_wait` in the
-    // line (longer waits are refused) and at most `script_wait` for the line
-    // that runs before it.
-    Posted run_posted(const std::string& line, std::chrono::milliseconds longest_wait,
-                      std::chrono::milliseconds script_wait);
+    // Runs one line as execute does and returns its outcome; an error is not
+    // reported (an unmet expectation is, and counted, as in a script). Lines
+    // run one at a time, from any thread.
+    Outcome run_line(const std::string& line, int number = 0);
+
+    // Runs a line posted from outside the script (the live view) as run_line
+    // does, waiting at most `longest_wait` in the line (longer waits are bad)
+    // and at most `script_wait` for the line that runs before it (busy).
+    Outcome run_posted(const std::string& line, std::chrono::milliseconds longest_wait,
+                       std::chrono::milliseconds script_wait);
 
     // Names the input in reports ("FILE:LINE: ..."); unnamed, "line N: ...".
     void set_source(const std::string& name);
@@ -100,9 +104,8 @@ public:
     void print_tally() const;
 
 private:
-    // Runs one line; an unmet expectation's report also goes to *unmet when
-    // given. REQUIRES: the line's turn taken.
-    std::string run_locked(const std::string& line, int number, std::string* unmet);
+    // Runs one line. REQUIRES: the line's turn taken.
+    Outcome run_locked(const std::string& line, int number);
     void run_command(const Json& command);
     void send(const Json& command);
     void request(const Json& command);
@@ -123,6 +126,7 @@ private:
     void begin_action();
 
     Output& output_;
+    Window& window_;
     standin::Database& database_;
     simulator::Turnstile* turnstile_;
     std::ostream& errors_;
@@ -139,7 +143,7 @@ private:
     std::mutex turn_mutex_;
     std::condition_variable turn_free_;
     bool turn_taken_ = false;                               // guarded by turn_mutex_
-    static constexpr long long kLongestWait = 3600 * 1000;  // ms
+    static constexpr long long kLongestWait = 3600LL * 1000;  // ms
     long long longest_wait_ = kLongestWait;                 // ms; with the line's turn
 };
 

@@ -1,10 +1,9 @@
-// The live view's page: follows the terminal's output lines from /events and
-// acts through /command with lines of the script language.
+// The live view's page: follows the terminal's output lines from /events,
+// reads the turnstile's state and records from /state (a read that changes
+// nothing in the terminal), and acts through /command with lines of the
+// script language, only when a person asks.
 'use strict';
 
-const EVENT_NAMES = ['ALWAYS BLOCKED', 'ALWAYS FREE LEFT', 'ALWAYS FREE RIGHT',
-  'ALWAYS FREE BOTH', 'FREE LEFT', 'FREE RIGHT', 'FREE BOTH', 'TURN LEFT', 'TURN RIGHT',
-  'GIVE UP', 'BLOCKED', 'EVENT_READY', 'EVENT_NOT_READY'];
 const STATES = ['blocked', 'free anticlockwise', 'free clockwise', 'free both ways'];
 const EXCEPTION_MODES = {0: '0 none', 1: '1 free both ways', 2: '2 blocked', free: '1 free both ways',
   blocked: '2 blocked'};
@@ -16,6 +15,7 @@ const NEWEST_RECORDS = 10;
 const $ = (id) => document.getElementById(id);
 const shown = new Set(KINDS);
 let releases = 0;
+let eventNames = {};  // from /info: the display name of each controller letter
 let refreshTimer = null;
 
 // ---------------------------------------------------------------- commands
@@ -41,23 +41,23 @@ async function run(command) {
   }
 }
 
-// The state, the enabled flag, the counters and the records, read afresh;
-// the answers come back as lines of the stream.
-function refresh() {
-  run({request: 'catra_state'});
-  run({request: 'catra_catra_enabled'});
-  refreshRecords();
-}
-
-function refreshRecords() {
-  run({dump: 'counters'});
-  run({dump: 'access_events'});
-  run({dump: 'access_logs'});
+// The state, the enabled flag, the counters and the newest records, read
+// afresh.
+async function refresh() {
+  try {
+    const now = await (await fetch('/state')).json();
+    if (now.state !== null) showState(now.state);
+    if (now.default_state !== null) showDefaultState(now.default_state);
+    if (now.enabled !== null) showEnabled(now.enabled);
+    showRecords(now);
+  } catch (error) {
+    $('command-result').textContent = 'cannot read /state: ' + error;
+  }
 }
 
 function refreshSoon() {
   clearTimeout(refreshTimer);
-  refreshTimer = setTimeout(refreshRecords, 250);
+  refreshTimer = setTimeout(refresh, 250);
 }
 
 // ---------------------------------------------------------------- the turnstile
@@ -110,9 +110,10 @@ function row(values) {
   return tr;
 }
 
+// Rows newest first.
 function showRows(id, rows, columns) {
   const body = $(id).querySelector('tbody');
-  body.replaceChildren(...rows.slice(-NEWEST_RECORDS).reverse().map(
+  body.replaceChildren(...rows.slice(0, NEWEST_RECORDS).map(
       (r) => row(columns.map((c) => c === 'timestamp' || c === 'time' ? time(r[c]) : r[c]))));
 }
 
@@ -121,19 +122,14 @@ function time(seconds) {
   return new Date(seconds * 1000).toLocaleTimeString();
 }
 
-function showDump(line) {
-  const rows = line.rows || [];
-  if (line.dump === 'counters') {
-    for (const counter of rows) {
-      const cell = $('counter-' + counter.name);
-      if (cell) cell.textContent = counter.value;
-    }
-  } else if (line.dump === 'access_events') {
-    showRows('access-events', rows, ['id', 'name', 'uuid', 'device_id', 'timestamp']);
-  } else if (line.dump === 'access_logs') {
-    showRows('access-logs', rows, ['id', 'user_id', 'portal_id', 'time', 'event', 'reason',
-      'uuid']);
+function showRecords(now) {
+  for (const counter of now.counters) {
+    const cell = $('counter-' + counter.name);
+    if (cell) cell.textContent = counter.value;
   }
+  showRows('access-events', now.access_events, ['id', 'name', 'uuid', 'device_id', 'timestamp']);
+  showRows('access-logs', now.access_logs, ['id', 'user_id', 'portal_id', 'time', 'event',
+    'reason', 'uuid']);
 }
 
 // What one output line tells about the turnstile.
@@ -159,8 +155,6 @@ function follow(line) {
                fields.module !== 'identifier') {
       showExceptionMode(fields.value);
     }
-  } else if (line.dump) {
-    showDump(line);
   }
 }
 
@@ -186,11 +180,10 @@ function describe(line, kind) {
       return line.reply + (line.replied ? ' ' + pairs(line.fields) : ': not replied');
     case 'controller': return '< ' + line.controller;
     case 'turnstile': {
-      const name = EVENT_NAMES[String(line.turnstile).charCodeAt(0) - 97];
-      return '> ' + line.turnstile + '  ' + (name || 'UNKNOWN EVENT');
+      return '> ' + line.turnstile + '  ' + (eventNames[line.turnstile] || 'UNKNOWN EVENT');
     }
     case 'person':
-      return line.person + (line.turned ? ': the turnstile turns' : ': that side is locked');
+      return line.person + (line.turned ? ': the turnstile turns' : ': that side is locked, nothing turns');
     case 'log': return (line.function ? line.function + ': ' : '') + line.text;
     case 'dump':
       return line.dump + ': ' + (line.rows || []).length + ' rows';
@@ -260,6 +253,7 @@ function connect() {
 
 async function learn() {
   const info = await (await fetch('/info')).json();
+  eventNames = info.event_names;
   showOperationMode(info.operation_mode);
   showExceptionMode(info.exception_mode);
   $('exception-mode-choice').value =

@@ -212,12 +212,12 @@ std::vector<std::string> TerminalTest::log_texts(standin::LogLine::Kind kind) co
 std::optional<std::string> TestPty::read_bytes(std::size_t n, std::chrono::milliseconds timeout)
 {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (pending_.size() < n) {
+    while (pending().size() < n) {
         if (!receive_more(deadline))
             return std::nullopt;
     }
-    std::string bytes = pending_.substr(0, n);
-    pending_.erase(0, n);
+    std::string bytes = pending().substr(0, n);
+    pending().erase(0, n);
     return bytes;
 }
 
@@ -226,7 +226,7 @@ std::string TestPty::drain()
     while (receive_more(std::chrono::steady_clock::now())) {
     }
     std::string all;
-    all.swap(pending_);
+    all.swap(pending());
     return all;
 }
 

@@ -49,7 +49,8 @@ protected:
     // Appends whatever is readable right now; false when nothing was.
     bool receive_available();
 
-    std::string pending_;  // received and not yet read
+    // Received and not yet read.
+    std::string& pending() { return pending_; }
 
 private:
     int master_ = -1;
@@ -58,6 +59,7 @@ private:
     // plug-in's opening and closing of the device.
     int slave_ = -1;
     std::string slave_path_;
+    std::string pending_;
 };
 
 }  // namespace simulator
