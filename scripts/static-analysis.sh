@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # cppcheck and clang-tidy over the plug-in, the stand-in host, the terminal
-# program and the simulator; any finding fails. The configuration (.clang-tidy, inline suppressions) gives the reason
-# for every check that is switched off.
+# program and the simulator; any finding fails. The configuration (.clang-tidy,
+# inline suppressions) gives the reason for every check that is switched off.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh cppcheck clang-tidy-14
