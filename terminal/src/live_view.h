@@ -53,12 +53,13 @@
 
 namespace httplib {
 class ContentReader;
-class Server;
 struct Request;
 struct Response;
 }  // namespace httplib
 
 namespace terminal {
+
+class BoundedServer;
 
 // "" when `text` is a valid [ADDR:]PORT for --http, else what is wrong.
 std::string http_address_error(const std::string& text);
@@ -116,7 +117,6 @@ public:
     void stop();
 
 private:
-    class Server;
     using Line = std::shared_ptr<const std::string>;
 
     void publish(const Json& line);
@@ -132,7 +132,7 @@ private:
     standin::Database& database_;
     const bool simulated_;
     int subscription_ = -1;
-    std::unique_ptr<Server> server_;
+    std::unique_ptr<BoundedServer> server_;
     std::thread listener_;
     std::string host_;
     std::string token_;  // empty: none needed (loopback)

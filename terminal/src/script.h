@@ -142,9 +142,9 @@ private:
     class Turn;
     std::mutex turn_mutex_;
     std::condition_variable turn_free_;
-    bool turn_taken_ = false;                               // guarded by turn_mutex_
+    bool turn_taken_ = false;                                 // guarded by turn_mutex_
     static constexpr long long kLongestWait = 3600LL * 1000;  // ms
-    long long longest_wait_ = kLongestWait;                 // ms; with the line's turn
+    long long longest_wait_ = kLongestWait;                   // ms; with the line's turn
 };
 
 }  // namespace terminal
