@@ -204,8 +204,16 @@ LiveView::~LiveView()
 // the history and wakes the streams that wait for a line.
 void LiveView::publish(const Json& line)
 {
+    // Each event is the line as printed with --json, with its kind, label
+    // and text as the terminal tells it, so that the page tells it alike.
+    const Told told = tell(line);
+    Json event;
+    event["kind"] = kind_of(line);
+    event["label"] = told.label;
+    event["text"] = told.text;
+    event["line"] = line;
     auto text = std::make_shared<const std::string>(
-        "data: " + line.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n\n");
+        "data: " + event.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n\n");
     bool wake = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -505,6 +513,7 @@ void LiveView::info(httplib::Response& response) const
             names[std::string(1, letter)] = name;
     }
     info["event_names"] = names;
+    info["kinds"] = line_kinds();
     response.set_content(info.dump(-1, ' ', false, Json::error_handler_t::replace),
                          "application/json");
 }

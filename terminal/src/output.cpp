@@ -1,7 +1,6 @@
 #include "output.h"
 
 #include <algorithm>
-#include <sstream>
 #include <string>
 
 namespace terminal {
@@ -101,50 +100,88 @@ void Output::print(const Json& line)
     std::fflush(stream_);
 }
 
+const std::vector<std::string>& line_kinds()
+{
+    static const std::vector<std::string> kinds = {"note",       "init_failed", "sent",   "bus",
+                                                   "controller", "turnstile",   "person", "log",
+                                                   "reply",      "dump",        "other"};
+    return kinds;
+}
+
+std::string kind_of(const Json& line)
+{
+    const std::vector<std::string>& kinds = line_kinds();
+    if (line.is_object()) {
+        for (auto kind = kinds.begin(); kind + 1 != kinds.end(); ++kind) {
+            if (line.contains(*kind))
+                return *kind;
+        }
+    }
+    return kinds.back();
+}
+
+Told tell(const Json& line)
+{
+    const std::string kind = kind_of(line);
+    const auto fields = [&line] { return pairs(line.value("fields", Json())); };
+    if (kind == "note")
+        return {kind, text_of(line, "note"), {}};
+    if (kind == "init_failed")
+        return {"plug-in", "init failed: " + text_of(line, "init_failed"), {}};
+    if (kind == "sent")
+        return {"terminal >", text_of(line, "sent") + fields(), {}};
+    if (kind == "bus")
+        return {"plug-in  >", text_of(line, "bus") + fields(), {}};
+    if (kind == "controller")
+        return {"controller", "< " + text_of(line, "controller"), {}};
+    if (kind == "turnstile") {
+        const std::string letter = text_of(line, "turnstile");
+        return {
+            "controller", "> " + letter + "  " + event_name(letter.empty() ? '\0' : letter[0]), {}};
+    }
+    if (kind == "person") {
+        const bool turned = line.value("turned", false);
+        return {kind,
+                text_of(line, "person") +
+                    (turned ? ": the turnstile turns" : ": that side is locked, nothing turns"),
+                {}};
+    }
+    if (kind == "log") {
+        const std::string function = text_of(line, "function");
+        return {text_of(line, "log"),
+                (function.empty() ? "" : function + ": ") + text_of(line, "text"),
+                {}};
+    }
+    if (kind == "reply") {
+        const bool replied = line.value("replied", false);
+        return {kind, text_of(line, "reply") + (replied ? fields() : ": not replied"), {}};
+    }
+    if (kind == "dump") {
+        const Json rows = line.value("rows", Json::array());
+        Told told{kind,
+                  text_of(line, "dump") + ": " + std::to_string(rows.size()) +
+                      (rows.size() == 1 ? " row" : " rows"),
+                  {}};
+        for (const Json& row : rows)
+            told.more.push_back(row.is_object() ? members(row) : json_text(row));
+        return told;
+    }
+    return {kind, json_text(line), {}};
+}
+
 std::string readable(const Json& line)
 {
     if (!line.is_object() || line.empty())
         return json_text(line);
-    if (line.contains("note"))
-        return "\n== " + text_of(line, "note");
-    if (line.contains("init_failed"))
-        return column("plug-in") + "init failed: " + text_of(line, "init_failed");
-    if (line.contains("sent"))
-        return column("terminal >") + text_of(line, "sent") + pairs(line.value("fields", Json()));
-    if (line.contains("bus"))
-        return column("plug-in  >") + text_of(line, "bus") + pairs(line.value("fields", Json()));
-    if (line.contains("controller"))
-        return column("controller") + "< " + text_of(line, "controller");
-    if (line.contains("turnstile")) {
-        const std::string letter = text_of(line, "turnstile");
-        return column("controller") + "> " + letter + "  " +
-               event_name(letter.empty() ? '\0' : letter[0]);
-    }
-    if (line.contains("person")) {
-        const bool turned = line.value("turned", false);
-        return column("person") + text_of(line, "person") +
-               (turned ? ": the turnstile turns" : ": that side is locked, nothing turns");
-    }
-    if (line.contains("log")) {
-        const std::string kind = text_of(line, "log");
-        const std::string function = text_of(line, "function");
-        return column(kind) + (function.empty() ? "" : function + ": ") + text_of(line, "text");
-    }
-    if (line.contains("reply")) {
-        const bool replied = line.value("replied", false);
-        return column("reply") + text_of(line, "reply") +
-               (replied ? pairs(line.value("fields", Json())) : ": not replied");
-    }
-    if (line.contains("dump")) {
-        const Json rows = line.value("rows", Json::array());
-        std::ostringstream text;
-        text << column("dump") << text_of(line, "dump") << ": " << rows.size()
-             << (rows.size() == 1 ? " row" : " rows");
-        for (const Json& row : rows)
-            text << '\n' << column("") << ' ' << (row.is_object() ? members(row) : json_text(row));
-        return text.str();
-    }
-    return json_text(line);
+    const Told told = tell(line);
+    if (kind_of(line) == "note")
+        return "\n== " + told.text;
+    if (kind_of(line) == "other")
+        return told.text;
+    std::string text = column(told.label) + told.text;
+    for (const std::string& more : told.more)
+        text += "\n" + column("") + ' ' + more;
+    return text;
 }
 
 std::string event_name(char letter)

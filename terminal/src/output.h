@@ -8,6 +8,8 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
@@ -47,7 +49,25 @@ private:
     int next_subscriber_ = 0;
 };
 
-// The one-line readable form of an output line.
+// The kinds of output line, in the order they are told apart: a line is of
+// the first kind whose key it holds ({"bus": ...} is a "bus" line), else of
+// the last, "other". Every reader takes them from here (the live view's page
+// through /info).
+const std::vector<std::string>& line_kinds();
+std::string kind_of(const Json& line);
+
+// An output line told for a person: its label (the source it came from, or a
+// log line's level), what it says on one line, and the lines that follow
+// (a dump's rows).
+struct Told {
+    std::string label;
+    std::string text;
+    std::vector<std::string> more;
+};
+Told tell(const Json& line);
+
+// The readable form of an output line: its label in a column, then its text;
+// a note stands out on a line of its own.
 std::string readable(const Json& line);
 
 // The display name of a turnstile event letter ("FREE RIGHT" for f).

@@ -7,15 +7,13 @@
 const STATES = ['blocked', 'free anticlockwise', 'free clockwise', 'free both ways'];
 const EXCEPTION_MODES = {0: '0 none', 1: '1 free both ways', 2: '2 blocked', free: '1 free both ways',
   blocked: '2 blocked'};
-const KINDS = ['bus', 'sent', 'reply', 'controller', 'turnstile', 'person', 'log', 'dump',
-  'note', 'other'];
 const MOST_EVENTS = 1000;
 const NEWEST_RECORDS = 10;
 
 const $ = (id) => document.getElementById(id);
-const shown = new Set(KINDS);
+let kinds = [];  // from /info: the kinds of output line, for the filters
+const shown = new Set();
 let releases = 0;
-let eventNames = {};  // from /info: the display name of each controller letter
 let refreshTimer = null;
 
 // ---------------------------------------------------------------- commands
@@ -160,54 +158,23 @@ function follow(line) {
 
 // ---------------------------------------------------------------- the events
 
-function kindOf(line) {
-  for (const kind of KINDS) {
-    if (kind !== 'other' && Object.prototype.hasOwnProperty.call(line, kind)) return kind;
-  }
-  return 'other';
-}
-
-function pairs(fields) {
-  return (fields || []).map((f) => Array.isArray(f) ? f[0] + '=' + JSON.stringify(f[1]) : '')
-      .join(' ');
-}
-
-function describe(line, kind) {
-  switch (kind) {
-    case 'bus': return line.bus + ' ' + pairs(line.fields);
-    case 'sent': return line.sent + ' ' + pairs(line.fields);
-    case 'reply':
-      return line.reply + (line.replied ? ' ' + pairs(line.fields) : ': not replied');
-    case 'controller': return '< ' + line.controller;
-    case 'turnstile': {
-      return '> ' + line.turnstile + '  ' + (eventNames[line.turnstile] || 'UNKNOWN EVENT');
-    }
-    case 'person':
-      return line.person + (line.turned ? ': the turnstile turns' : ': that side is locked, nothing turns');
-    case 'log': return (line.function ? line.function + ': ' : '') + line.text;
-    case 'dump':
-      return line.dump + ': ' + (line.rows || []).length + ' rows';
-    case 'note': return line.note;
-    default: return JSON.stringify(line);
-  }
-}
-
-function addEvent(line) {
-  const kind = kindOf(line);
+// An output line as the terminal tells it: its kind, label and text.
+function addEvent(event) {
   const item = document.createElement('li');
-  item.className = kind + (shown.has(kind) ? '' : ' hidden-kind');
-  item.dataset.kind = kind;
+  item.className = event.kind + (shown.has(event.kind) ? '' : ' hidden-kind');
+  item.dataset.kind = event.kind;
   const label = document.createElement('span');
   label.className = 'kind';
-  label.textContent = kind === 'log' ? line.log : kind;
-  item.append(label, describe(line, kind));
+  label.textContent = event.label;
+  item.append(label, event.text);
   const list = $('events');
   list.insertBefore(item, list.firstChild);
   while (list.childElementCount > MOST_EVENTS) list.lastChild.remove();
 }
 
 function buildFilters() {
-  for (const kind of KINDS) {
+  for (const kind of kinds) {
+    shown.add(kind);
     const label = document.createElement('label');
     const box = document.createElement('input');
     box.type = 'checkbox';
@@ -240,20 +207,21 @@ function connect() {
     $('connection').className = 'connection down';
   };
   source.onmessage = (message) => {
-    let line;
+    let event;
     try {
-      line = JSON.parse(message.data);
+      event = JSON.parse(message.data);
     } catch (error) {
       return;
     }
-    addEvent(line);
-    follow(line);
+    addEvent(event);
+    follow(event.line);
   };
 }
 
 async function learn() {
   const info = await (await fetch('/info')).json();
-  eventNames = info.event_names;
+  kinds = info.kinds;
+  buildFilters();
   showOperationMode(info.operation_mode);
   showExceptionMode(info.exception_mode);
   $('exception-mode-choice').value =
@@ -301,7 +269,6 @@ function wire() {
   });
 }
 
-buildFilters();
 wire();
 learn().catch((error) => {
   $('command-result').textContent = 'cannot read /info: ' + error;

@@ -6,6 +6,7 @@
 # right-turn counter at 1; Ctrl-C ends it.
 # Arguments: the terminal program, its configuration, the folder for the
 # screenshot and the terminal's output.
+import json
 import os
 import pty
 import re
@@ -101,7 +102,9 @@ try:
              '"operation_mode":"blocked","exception_mode":"0","gateway":"clockwise","event_names":'
              '{"a":"ALWAYS BLOCKED","b":"ALWAYS FREE LEFT","c":"ALWAYS FREE RIGHT","d":"ALWAYS FREE BOTH",'
              '"e":"FREE LEFT","f":"FREE RIGHT","g":"FREE BOTH","h":"TURN LEFT","i":"TURN RIGHT",'
-             '"j":"GIVE UP","k":"BLOCKED","l":"EVENT_READY","m":"EVENT_NOT_READY"}}'),
+             '"j":"GIVE UP","k":"BLOCKED","l":"EVENT_READY","m":"EVENT_NOT_READY"},"kinds":'
+             '["note","init_failed","sent","bus","controller","turnstile","person","log","reply",'
+             '"dump","other"]}'),
     ]:
         got_status, got_text = request(path, body, headers)
         if text and '%s' in text:
@@ -160,11 +163,14 @@ try:
         finally:
             other.kill()
 
-    # The stream starts with the history: the terminal's first output line.
+    # The stream starts with the history: the terminal's first output line,
+    # told as the terminal tells it.
     events = wait_until(lambda: request('events', stream=True), 'a stream free again')
     with events:
         expect(events.headers.get_content_type(), 'text/event-stream', 'events type')
-        expect(events.readline().decode(), 'data: %s' % open(out_path).readline(), 'history')
+        first = json.loads(events.readline().decode()[len('data: '):])
+        expect(first, {'kind': 'controller', 'label': 'controller', 'text': '< d',
+                       'line': json.loads(open(out_path).readline())}, 'history')
 
     options = webdriver.ChromeOptions()
     options.binary_location = '/usr/bin/chromium'
