@@ -16,16 +16,12 @@
 //                  unmet expectation, 503 when the script stays busy, each
 //                  with the text of why
 //
-// The port controls the terminal, so the server guards it, and bounds what
-// any client can make it hold:
+// The port controls the terminal. The server (bounded_server.h) bounds
+// connections, request heads and bodies and forbids framing; on top of it:
 // - a Host or Origin header that names another site gets 403;
 // - off loopback every request needs the secret (401 without it): the printed
 //   address carries it once, and the page keeps it as a same-site cookie;
-// - every answer forbids framing (X-Frame-Options, Content-Security-Policy);
-// - at most kMostConnections connections (each a thread) and kMostStreams
-//   watching pages at once, 503 past them; one request per connection;
-// - a request head of at most kLongestHead bytes and kMostHeaderLines lines
-//   (431), a body of at most kLongestBody bytes whatever its framing (413);
+// - at most kMostStreams watching pages at once (503 past it);
 // - a posted line waits at most kLongestPostedWait, and for the script at
 //   most kLongestScriptWait (503), so no page holds the script;
 // - the history is bounded in lines and bytes; a page that falls behind it is
