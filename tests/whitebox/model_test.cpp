@@ -15,7 +15,9 @@
 #include <rapidcheck.h>
 #include <rapidcheck/gtest.h>
 
+#include <algorithm>
 #include <array>
+#include <cstring>
 #include <mutex>
 #include <ostream>
 #include <regex>
@@ -54,16 +56,77 @@ namespace {
 // record carries the time of a write (the seeded ones are older).
 using Records = std::vector<std::array<int, 4>>;
 
-const char* const kEventNames[] = {
-    "ALWAYS BLOCKED", "ALWAYS FREE LEFT", "ALWAYS FREE RIGHT", "ALWAYS FREE BOTH", "FREE LEFT",
-    "FREE RIGHT",     "FREE BOTH",        "TURN LEFT",         "TURN RIGHT",       "GIVE UP",
-    "BLOCKED",        "EVENT_READY",      "EVENT_NOT_READY"};
+// ---------------------------------------------------------------- the tables
+
+// What each controller letter, a to m (codes 0 to 12), does once it passes
+// the time filter: it is dropped when it comes fewer than `dropped_below` ms
+// after the last accepted event (0: never dropped); a passage stores an
+// access event.
+enum class Does { mode, frees, turn, give_up, nothing, report };
+struct EventRow {
+    const char* name;
+    Does does;
+    int value;  // mode, frees: the state set; turn: the side (0 left, 1 right)
+    int dropped_below;
+    bool passage;
+};
+const EventRow kEvents[] = {
+    {"ALWAYS BLOCKED", Does::mode, 0, 0, false},
+    {"ALWAYS FREE LEFT", Does::mode, 1, 0, false},
+    {"ALWAYS FREE RIGHT", Does::mode, 2, 0, false},
+    {"ALWAYS FREE BOTH", Does::mode, 3, 0, false},
+    {"FREE LEFT", Does::frees, 1, 0, false},
+    {"FREE RIGHT", Does::frees, 2, 0, false},
+    {"FREE BOTH", Does::frees, 3, 0, false},
+    {"TURN LEFT", Does::turn, 0, 0, true},
+    {"TURN RIGHT", Does::turn, 1, 0, true},
+    {"GIVE UP", Does::give_up, 0, 500, true},
+    {"BLOCKED", Does::nothing, 0, 100, false},
+    {"EVENT_READY", Does::report, 0, 0, false},
+    {"EVENT_NOT_READY", Does::report, 0, 0, false},
+};
 const char* const kStateNames[] = {"BLOCKED", "LEFT LIBERATED", "RIGHT LIBERATED",
                                    "BOTH LIBERATED"};
-const char* const kReasonNames[] = {"UNKNOWN", "AUTHORIZED", "REX", "WEB"};
+
+// A turn by the current state, [state][side]; `completes` counts it and
+// gives the two-way release's record the side taken, when the default state
+// is one of those marked in kTwoWayRelease.
+enum Turn { refused, counted, completes };
+const Turn kTurns[4][2] = {
+    // left      right
+    {refused, refused},      // BLOCKED
+    {counted, refused},      // LEFT LIBERATED
+    {refused, counted},      // RIGHT LIBERATED
+    {completes, completes},  // BOTH LIBERATED
+};
+const bool kTwoWayRelease[4] = {true, true, true, false};  // by default state
+const char* const kRefusals[2] = {"ERROR: Cannot turn left  while blocked!!",
+                                  "ERROR: Cannot turn right while blocked!!"};
+
+// By "gateway" ("clockwise" or not) and side: the counter of the way (2
+// entrance, 3 exit; 0 and 1 are the left and right counters) and the portal.
+struct Way {
+    int counter;
+    int portal;
+};
+const Way kWays[2][2] = {
+    // left      right
+    {{2, 1}, {3, 2}},  // anything else
+    {{3, 2}, {2, 1}},  // "clockwise"
+};
+
+// Whether a release is pending, [default][current]: its record is the one a
+// give-up marks, and the turnstile goes back to its default first.
+const bool kPending[4][4] = {
+    {false, true, true, true},
+    {true, false, true, true},
+    {true, true, false, true},
+    {false, false, false, false},
+};
 
 // The mode command that brings the turnstile from the current state back to
-// the default one; null: no command, the state is set to the default.
+// the default one, [default][current]; null: no command, the state is set to
+// the default.
 const char* const kBackToDefault[4][4] = {
     // current: BLOCKED  LEFT      RIGHT     BOTH
     {nullptr, "i", "i", "i"},        // default BLOCKED
@@ -72,16 +135,53 @@ const char* const kBackToDefault[4][4] = {
     {"ab", "ab", "ab", nullptr},     // default BOTH_LIBERATED
 };
 
-std::string command_text(const std::string& name)
+// The command of a release direction: the first row whose default and
+// current states (as digits) match; null: nothing at all.
+const char* const kDirections[] = {"clockwise", "anticlockwise", "both"};
+const struct {
+    const char* defaults;
+    const char* currents;
+    const char* commands[3];  // by kDirections
+} kReleases[] = {
+    {"3", "0123", {nullptr, nullptr, nullptr}},
+    {"12", "0123", {"both", "both", "both"}},
+    {"0", "1", {"both", "anticlockwise", "both"}},
+    {"0", "2", {"clockwise", "both", "both"}},
+    {"0", "03", {"clockwise", "anticlockwise", "both"}},
+};
+// The reasons whose release writes an exit-request record, with their text.
+const std::pair<int, const char*> kRecordedReasons[] = {{0, "UNKNOWN"}, {2, "REX"}, {3, "WEB"}};
+
+const std::pair<const char*, const char*> kCommandTexts[] = {
+    {"clockwise", "r5"},       {"anticlockwise", "l5"},       {"both", "b5"}, {"always", "ab"},
+    {"alwaysclockwise", "ar"}, {"alwaysanticlockwise", "al"}, {"idle", "i"}};
+
+// "operation_mode" to the command written, by "gateway" (not "clockwise",
+// "clockwise"); any other text writes "i".
+const struct {
+    const char* mode;
+    const char* commands[2];
+} kModes[] = {{"entrance_open", {"al", "ar"}}, {"exit_open", {"ar", "al"}}, {"both_open", {"ab", "ab"}}};
+
+// Enabling and disabling: what goes out, in order.
+const Texts kEnabling = {
+    "gpio_set_value{gpio=10,value=0}",       "gpio_set_value{gpio=11,value=0}",
+    "gpio_set_value{gpio=12,value=0}",       "gpio_update{gpio=20,enabled=0} (sync)",
+    "gpio_update{gpio=21,enabled=0} (sync)", "gpio_update{gpio=10,enabled=0} (sync)",
+    "gpio_update{gpio=11,enabled=0} (sync)", "write e\\0",
+    "catra_catra_enabled_changed{enabled=1}"};
+const Texts kDisabling = {
+    "write d\\0",
+    "gpio_update{gpio=20,enabled=1} (sync)", "gpio_update{gpio=21,enabled=1} (sync)",
+    "gpio_update{gpio=10,enabled=1} (sync)", "gpio_update{gpio=11,enabled=1} (sync)",
+    "catra_catra_enabled_changed{enabled=0}"};
+
+bool has_digit(const char* digits, int value)
 {
-    const std::pair<const char*, const char*> texts[] = {
-        {"clockwise", "r5"},       {"anticlockwise", "l5"},       {"both", "b5"}, {"always", "ab"},
-        {"alwaysclockwise", "ar"}, {"alwaysanticlockwise", "al"}, {"idle", "i"}};
-    for (const auto& [command, text] : texts)
-        if (name == command)
-            return text;
-    return "";
+    return std::strchr(digits, '0' + value) != nullptr;
 }
+
+// ---------------------------------------------------------------- the model
 
 struct Model {
     int current = 0;
@@ -102,18 +202,22 @@ struct Model {
     {
         logs.push_back(function + ": " + text);
     }
-    void write(const std::string& text, bool command = true)
+    void write(const std::string& text)
     {
-        if (command)
-            log("do_execute_command", "CATRA command: " + text + " no fd: " + std::to_string(fd));
+        log("do_execute_command", "CATRA command: " + text + " no fd: " + std::to_string(fd));
         out.push_back("write " + text + "\\0");
+    }
+    void command(const std::string& name)
+    {
+        for (const auto& [command, text] : kCommandTexts)
+            if (name == command)
+                write(text);
     }
     void set_current(int state)
     {
         if (state != current) {
             out.push_back("catra_state_changed{state=" + std::to_string(state) + "}");
-            log("send_message_catra_state_changed",
-                "Catra state : " + std::string(kStateNames[state]));
+            log("send_message_catra_state_changed", std::string("Catra state : ") + kStateNames[state]);
         }
         current = state;
     }
@@ -123,31 +227,31 @@ struct Model {
             out.push_back("catra_default_state_changed{default_state=" + std::to_string(state) +
                           "}");
             log("send_message_catra_default_state_changed",
-                "Catra default_state : " + std::string(kStateNames[state]));
+                std::string("Catra default_state : ") + kStateNames[state]);
         }
         fallback = state;
     }
     void back_to_default()
     {
-        if (const char* command = kBackToDefault[fallback][current])
-            write(command);
+        if (const char* text = kBackToDefault[fallback][current])
+            write(text);
         else
             set_current(fallback);
     }
     void publish(int event)
     {
-        const bool passage = event >= 7 && event <= 9;
-        if (passage)
-            access_events.push_back("catra " + std::string(kEventNames[event]) + " " + uuid + " 1");
-        out.push_back("catra_event{event=" + std::to_string(event) + ",event_name=\"" +
-                      kEventNames[event] + "\",timestamp=T,uuid=\"" + uuid + "\",access_event_id=" +
-                      std::to_string(passage ? access_events.size() : 0) + "}");
-        if (passage)
+        const EventRow& row = kEvents[event];
+        if (row.passage)
+            access_events.push_back("catra " + std::string(row.name) + " " + uuid + " 1");
+        out.push_back("catra_event{event=" + std::to_string(event) + ",event_name=\"" + row.name +
+                      "\",timestamp=T,uuid=\"" + uuid + "\",access_event_id=" +
+                      std::to_string(row.passage ? access_events.size() : 0) + "}");
+        if (row.passage)
             uuid.clear();
     }
-    void give_up(std::array<int, 4>& record, const char* function)
+    void give_up(std::array<int, 4>& record)
     {
-        log(function,
+        log("create_give_up_log_local",
             "Portal_id: " + std::to_string(record[0]) + ", user_id: " + std::to_string(record[2]));
         record[1] = 13;
         record[3] = 1;
@@ -155,45 +259,43 @@ struct Model {
 
     void letter(int event, long advance)
     {
+        const EventRow& row = kEvents[event];
         now += advance;
-        log("new_catra_event", "Catra event : " + std::string(kEventNames[event]));
-        if (event == 11 || event == 12) {
-            publish(event);
-            return;
-        }
-        if ((event == 10 && now - last_event <= 99) || (event == 9 && now - last_event < 500))
+        log("new_catra_event", std::string("Catra event : ") + row.name);
+        if (row.does == Does::report)
+            return publish(event);
+        if (row.dropped_below > 0 && now - last_event < row.dropped_below)
             return;
         last_event = now;
         publish(event);
-        if (event <= 3) {
-            set_default(event);
-            set_current(event);
-        } else if (event <= 6) {
-            set_current(event - 3);
-        } else if (event <= 8) {
-            turn(event == 8);
-        } else if (event == 9) {
-            if (fallback != 3 && fallback != current)
-                give_up(records.back(), "create_give_up_log_local");
-            back_to_default();
+        switch (row.does) {
+            case Does::mode: set_default(row.value); set_current(row.value); break;
+            case Does::frees: set_current(row.value); break;
+            case Does::turn: turn(row.value); break;
+            case Does::give_up:
+                if (kPending[fallback][current])
+                    give_up(records.back());
+                back_to_default();
+                break;
+            default: break;
         }
     }
 
-    void turn(bool right)
+    void turn(int side)
     {
-        const bool free = current == 3 || current == (right ? 2 : 1);
-        if (current == 3 && fallback != 3) {
-            records.back()[0] = right == clockwise ? 1 : 2;
+        const Turn turn = kTurns[current][side];
+        const Way way = kWays[clockwise][side];
+        if (turn == completes && kTwoWayRelease[fallback]) {
+            records.back()[0] = way.portal;
             records.back()[3] = 1;
-            log("update_last_log", "portal_id: " + std::to_string(records.back()[0]) +
+            log("update_last_log", "portal_id: " + std::to_string(way.portal) +
                                        ", user_id: " + std::to_string(records.back()[2]));
         }
-        if (free) {
-            ++counters[right ? 1 : 0];
-            ++counters[right == clockwise ? 2 : 3];
+        if (turn == refused) {
+            logs.push_back(std::string("error: ") + kRefusals[side]);
         } else {
-            logs.push_back(right ? "error: ERROR: Cannot turn right while blocked!!"
-                                 : "error: ERROR: Cannot turn left  while blocked!!");
+            ++counters[side];
+            ++counters[way.counter];
         }
         back_to_default();
     }
@@ -204,57 +306,48 @@ struct Model {
             return;
         uuid = new_uuid;
         log("liberate_catra_callback", "UUID: " + uuid);
-        const bool timed =
-            direction == "clockwise" || direction == "anticlockwise" || direction == "both";
-        if (timed && fallback == 3)
-            return;
-        // Decision table of a timed release: both ways when a permanent mode
-        // is the default or when the other side is already free.
-        const bool widen = timed && (fallback != 0 || (current == 1 && direction == "clockwise") ||
-                                     (current == 2 && direction == "anticlockwise"));
-        if (timed) {
-            if (reason != 1 && reason >= 0 && reason <= 3) {
-                log("log_catra_liberated",
-                    "Allow " + direction + "! Reason: " + kReasonNames[reason]);
-                records.push_back({1, 12, 0, 1});
-            }
-            if (fallback != current) {
-                give_up(records[records.size() - 2], "create_give_up_log_local");
-                back_to_default();
+        const auto named = std::find(std::begin(kDirections), std::end(kDirections), direction);
+        if (named == std::end(kDirections))
+            return command(direction);
+        const char* chosen = nullptr;
+        for (const auto& row : kReleases) {
+            if (has_digit(row.defaults, fallback) && has_digit(row.currents, current)) {
+                chosen = row.commands[named - std::begin(kDirections)];
+                break;
             }
         }
-        write(command_text(widen ? "both" : direction));
+        if (chosen == nullptr)
+            return;
+        for (const auto& [recorded, text] : kRecordedReasons) {
+            if (reason == recorded) {
+                log("log_catra_liberated", "Allow " + direction + "! Reason: " + text);
+                records.push_back({1, 12, 0, 1});
+            }
+        }
+        if (kPending[fallback][current]) {
+            give_up(records[records.size() - 2]);
+            back_to_default();
+        }
+        command(chosen);
     }
 
     void operation_mode(const std::string& mode)
     {
-        if (mode == "entrance_open")
-            write(clockwise ? "ar" : "al");
-        else if (mode == "exit_open")
-            write(clockwise ? "al" : "ar");
-        else
-            write(mode == "both_open" ? "ab" : "i");
+        const char* text = "i";
+        for (const auto& row : kModes)
+            if (mode == row.mode)
+                text = row.commands[clockwise];
+        write(text);
     }
 
     void enable(bool wanted)
     {
         if (wanted == enabled)
             return;
-        if (wanted) {
-            for (const char* gpio : {"10", "11", "12"})
-                out.push_back("gpio_set_value{gpio=" + std::string(gpio) + ",value=0}");
-        } else {
-            write("d", false);
-        }
-        for (const char* gpio : {"20", "21", "10", "11"})
-            out.push_back("gpio_update{gpio=" + std::string(gpio) +
-                          ",enabled=" + (wanted ? "0" : "1") + "} (sync)");
-        if (wanted)
-            write("e", false);
+        const Texts& sent = wanted ? kEnabling : kDisabling;
+        out.insert(out.end(), sent.begin(), sent.end());
         log("send_message_catra_enabled_changed",
             std::string("Catra enabled : ") + (wanted ? "1" : "0"));
-        out.push_back("catra_catra_enabled_changed{enabled=" + std::string(wanted ? "1" : "0") +
-                      "}");
         enabled = wanted;
     }
 };
