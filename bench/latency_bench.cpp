@@ -9,9 +9,9 @@
 //                    at the controller side;
 //   idle wake-ups    per second, with "select_timeout" 1000 and the queue's
 //                    keep-alive period 1000 ms, nothing happening: the
-//                    watchdog feeds (one per pass of the event loop's wait and
-//                    one per idle period of the queue) and the voluntary
-//                    context switches of the whole process.
+//                    context switches of the whole process (one per pass of
+//                    the event loop's wait and one per idle period of the
+//                    queue are due).
 //
 // The floors run first, then the plug-in is loaded (once per process) and
 // measured on the same line and bus.
@@ -172,11 +172,6 @@ Figures release_latency(simulator::ControllerPty& line, int runs)
     return summarise(samples);
 }
 
-struct Idle {
-    double feeds_per_s = 0;
-    double switches_per_s = 0;
-};
-
 long context_switches()
 {
     rusage usage{};
@@ -184,21 +179,16 @@ long context_switches()
     return usage.ru_nvcsw + usage.ru_nivcsw;
 }
 
-// Watchdog feeds of the module and context switches of the process while
-// nothing happens for `seconds`.
-Idle idle_wake_ups(const std::string& module, int seconds)
+// Context switches of the process per second while nothing happens for
+// `seconds`.
+double idle_wake_ups(int seconds)
 {
-    const long long feeds_before = standin::Watchdog::instance().count(module);
     const long switches_before = context_switches();
     const auto start = SteadyClock::now();
     std::this_thread::sleep_for(std::chrono::seconds(seconds));
     const double elapsed = static_cast<double>(nanos_since(start, SteadyClock::now())) / 1e9;
-    Idle idle;
-    idle.feeds_per_s =
-        static_cast<double>(standin::Watchdog::instance().count(module) - feeds_before) / elapsed;
     // The measuring thread's own sleep is one switch.
-    idle.switches_per_s = static_cast<double>(context_switches() - switches_before - 1) / elapsed;
-    return idle;
+    return static_cast<double>(context_switches() - switches_before - 1) / elapsed;
 }
 
 // ---------------------------------------------------------------- the floor
@@ -309,7 +299,7 @@ int main(int argc, char** argv)
     auto* floor = new Floor(line.slave_path());
     const Figures floor_event = event_latency(line, watch, 'l', runs);
     const Figures floor_release = release_latency(line, runs);
-    const Idle floor_idle = idle_wake_ups("floor", idle_seconds);
+    const double floor_idle = idle_wake_ups(idle_seconds);
     floor->stop(line);
 
     // The plug-in.
@@ -334,7 +324,7 @@ int main(int argc, char** argv)
     const Figures release = release_latency(line, runs);
     if (!standin::Bus::instance().wait_idle(kWait))
         fail("the bus did not become idle after the runs");
-    const Idle idle = idle_wake_ups("catra", idle_seconds);
+    const double idle = idle_wake_ups(idle_seconds);
 
     std::printf("catra latency, %d runs each (after %d warm-up runs)\n", runs, kWarmUp);
     std::printf("%-38s %12s %12s   %12s %12s\n", "", "median", "p99", "floor median", "floor p99");
@@ -344,10 +334,7 @@ int main(int argc, char** argv)
     std::printf("\nidle, %d s, select_timeout 1000 ms, queue keep-alive period 1000 ms\n",
                 idle_seconds);
     std::printf("%-38s %12s %12s\n", "", "plug-in", "floor");
-    std::printf("%-38s %12.2f %12.2f\n", "watchdog feeds per second", idle.feeds_per_s,
-                floor_idle.feeds_per_s);
-    std::printf("%-38s %12.2f %12.2f\n", "context switches per second (process)",
-                idle.switches_per_s, floor_idle.switches_per_s);
+    std::printf("%-38s %12.2f %12.2f\n", "context switches per second (process)", idle, floor_idle);
     std::fflush(nullptr);
     standin::end_process(0);
 }

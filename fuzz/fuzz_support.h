@@ -41,8 +41,8 @@ void feed_controller(const char* bytes, std::size_t size);
 void drain_controller();
 
 // Waits for the bus to deliver what the input sent, then aborts unless:
-// state_mutex is free, current_state and default_state are within 0..3, the
-// controller is still open, and no message outlived its delivery.
+// state_mutex is free, current_state and default_state are within 0..3 and
+// the controller is still open.
 void check_invariants(const char* target);
 
 }  // namespace catra_fuzz

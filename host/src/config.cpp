@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "ac/ac_exception.h"
-#include "standin/standin.h"
+#include "host_internal.h"
 
 namespace standin {
 
@@ -93,16 +93,26 @@ std::string param_name(const std::string& module, const std::string& key)
     return module.empty() ? key : module + "." + key;
 }
 
-std::vector<int> buttonhole_gpios()
+// The entries of a comma-separated host switch, blanks trimmed; none when
+// the switch is missing or blank.
+std::vector<std::string> host_list(const char* key)
 {
     std::string text;
-    standin::Config::instance().get(kHost, "buttonholes", &text);
-    std::vector<int> gpios;
+    standin::Config::instance().get(kHost, key, &text);
+    std::vector<std::string> entries;
     if (trimmed(text).empty())
-        return gpios;
-    std::istringstream entries(text);
+        return entries;
+    std::istringstream list(text);
     std::string entry;
-    while (std::getline(entries, entry, ',')) {
+    while (std::getline(list, entry, ','))
+        entries.push_back(trimmed(entry));
+    return entries;
+}
+
+std::vector<int> buttonhole_gpios()
+{
+    std::vector<int> gpios;
+    for (const std::string& entry : host_list("buttonholes")) {
         int gpio = -1;
         if (!parse_int(entry, &gpio))
             gpio = -1;
@@ -112,6 +122,14 @@ std::vector<int> buttonhole_gpios()
 }
 
 }  // namespace
+
+void standin::fail_if_configured(const std::string& utility)
+{
+    for (const std::string& failing : host_list("failing")) {
+        if (failing == utility)
+            throw ac::ac_exception(utility + " failure", true);
+    }
+}
 
 namespace ac {
 namespace config {

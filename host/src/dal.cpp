@@ -8,16 +8,10 @@
 #include "ac/util.h"
 #include "host_internal.h"
 
-using standin::DalCall;
 using standin::DbSession;
 using standin::Statement;
 
 namespace {
-
-void check_fault(DalCall call)
-{
-    standin::Database::instance().check_fault(call);
-}
 
 [[noreturn]] void raise(const std::string& text)
 {
@@ -43,7 +37,6 @@ access_event::access_event(std::string module, std::string name, std::string uui
 
 void access_event::create()
 {
-    check_fault(DalCall::access_event_create);
     DbSession session;
     Statement(session.db(),
               "INSERT INTO access_events(module, name, uuid, device_id, timestamp) "
@@ -105,7 +98,6 @@ access_log::access_log() = default;
 // The flag is not looked at: a missing record always raises.
 access_log access_log::get_last_log(bool)
 {
-    check_fault(DalCall::access_log_get_last);
     access_log log;
     log.id_ = fetch_log(0, log);
     return log;
@@ -113,7 +105,6 @@ access_log access_log::get_last_log(bool)
 
 access_log access_log::get_before_last_log(bool)
 {
-    check_fault(DalCall::access_log_get_before_last);
     access_log log;
     log.id_ = fetch_log(1, log);
     return log;
@@ -121,7 +112,6 @@ access_log access_log::get_before_last_log(bool)
 
 void access_log::create()
 {
-    check_fault(DalCall::access_log_create);
     DbSession session;
     Statement(session.db(),
               "INSERT INTO access_logs(user_id, portal_id, time, event, reason) "
@@ -137,7 +127,6 @@ void access_log::create()
 
 void access_log::save()
 {
-    check_fault(DalCall::access_log_save);
     DbSession session;
     Statement(session.db(),
               "UPDATE access_logs SET user_id = ?, portal_id = ?, time = ?, event = ?, "
@@ -203,7 +192,6 @@ portal::portal() = default;
 
 portal portal::load(long long id)
 {
-    check_fault(DalCall::portal_load);
     DbSession session;
     Statement statement(session.db(), "SELECT id, device_id FROM portals WHERE id = ?");
     statement.bind(1, id);
@@ -228,7 +216,6 @@ long long portal::device_id() const
 // Replaces the portal's actions with the list, in its order, as one transaction.
 void portal::add_actions(const std::list<long long>& actions) const
 {
-    check_fault(DalCall::portal_add_actions);
     DbSession session;
     session.exec("BEGIN");
     try {
@@ -256,7 +243,6 @@ action::action() = default;
 
 bool action::load(long long id)
 {
-    check_fault(DalCall::action_load);
     DbSession session;
     Statement statement(session.db(), "SELECT id FROM actions WHERE id = ?");
     statement.bind(1, id);
@@ -273,7 +259,6 @@ long long action::id() const
 // Ordered by portal id; empty for an action that was not loaded.
 std::list<portal> action::device_portals(long long device_id) const
 {
-    check_fault(DalCall::action_device_portals);
     std::list<portal> portals;
     if (!loaded_)
         return portals;
@@ -318,7 +303,6 @@ namespace {
 
 void increment(const char* counter)
 {
-    check_fault(DalCall::catra_info_inc);
     DbSession session;
     Statement(session.db(),
               "INSERT INTO counters(name, value) VALUES(?, 1) "
@@ -356,7 +340,6 @@ namespace util {
 // wall-clock time of the call. The third argument is the record's user.
 void create_log_rex(unsigned long long portal_id, reason_to_open reason, long long user_id)
 {
-    check_fault(DalCall::create_log_rex);
     DbSession session;
     Statement(session.db(),
               "INSERT INTO access_logs(user_id, portal_id, time, event, reason) "

@@ -28,24 +28,6 @@ CREATE TABLE IF NOT EXISTS action_portals(
 CREATE TABLE IF NOT EXISTS counters(name TEXT PRIMARY KEY, value INTEGER NOT NULL);
 )sql";
 
-const char* call_name(DalCall call)
-{
-    switch (call) {
-        case DalCall::access_event_create: return "access_event::create";
-        case DalCall::access_log_get_last: return "access_log::get_last_log";
-        case DalCall::access_log_get_before_last: return "access_log::get_before_last_log";
-        case DalCall::access_log_create: return "access_log::create";
-        case DalCall::access_log_save: return "access_log::save";
-        case DalCall::portal_load: return "portal::load";
-        case DalCall::portal_add_actions: return "portal::add_actions";
-        case DalCall::action_load: return "action::load";
-        case DalCall::action_device_portals: return "action::device_portals";
-        case DalCall::create_log_rex: return "create_log_rex";
-        case DalCall::catra_info_inc: return "catra_info::inc";
-    }
-    return "unknown";
-}
-
 }  // namespace
 
 [[noreturn]] void raise_sqlite(sqlite3* db)
@@ -186,8 +168,7 @@ Database::Impl& Database::impl()
     return *impl_;
 }
 
-// Replaces the open database; a new in-memory one starts empty. Armed
-// faults stay armed.
+// Replaces the open database; a new in-memory one starts empty.
 void Database::open(const std::string& path)
 {
     std::lock_guard<std::mutex> lock(impl_->mutex);
@@ -269,23 +250,6 @@ long long Database::add_access_log(long long user_id, long long portal_id, int t
         .bind(4, event)
         .run();
     return sqlite3_last_insert_rowid(session.db());
-}
-
-void Database::fail_next(DalCall call, int times)
-{
-    std::lock_guard<std::mutex> lock(impl_->mutex);
-    impl_->faults[call] += times;
-}
-
-void Database::check_fault(DalCall call)
-{
-    std::lock_guard<std::mutex> lock(impl_->mutex);
-    auto it = impl_->faults.find(call);
-    if (it == impl_->faults.end() || it->second <= 0)
-        return;
-    if (--it->second == 0)
-        impl_->faults.erase(it);
-    throw ac::ac_exception(std::string("injected fault in ") + call_name(call), true);
 }
 
 }  // namespace standin

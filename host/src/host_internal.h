@@ -113,11 +113,14 @@ struct Bus::Impl {
 // Adds a line of kind host to the log.
 void log_host(const std::string& text);
 
+// Raises ac::ac_exception("<utility> failure") when the configuration's
+// "host" "failing" names that utility.
+void fail_if_configured(const std::string& utility);
+
 // ---------------------------------------------------------------- database
 struct Database::Impl {
     std::mutex mutex;
-    sqlite3* db = nullptr;          // guarded by mutex
-    std::map<DalCall, int> faults;  // guarded by mutex
+    sqlite3* db = nullptr;  // guarded by mutex
 
     // REQUIRES: mutex held. Opens the default database when none is open.
     sqlite3* handle();

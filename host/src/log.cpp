@@ -38,8 +38,8 @@ Logs& Logs::instance()
     return *logs;
 }
 
-// Lines are added one at a time, so the kept lines, the echo and every
-// observer see them in the same order.
+// Lines are added one at a time, so the echo and every observer see them in
+// the same order.
 void Logs::add(const LogLine& line)
 {
     std::lock_guard<std::recursive_mutex> calls(observers_call_mutex());
@@ -47,9 +47,6 @@ void Logs::add(const LogLine& line)
     bool echo_line = false;
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        lines_.push_back(line);
-        if (lines_.size() > kMaxLines)
-            lines_.pop_front();
         observers = observers_;
         echo_line = echo_;
     }
@@ -57,18 +54,6 @@ void Logs::add(const LogLine& line)
         echo(line);
     for (const auto& entry : observers)
         entry.second(line);
-}
-
-std::vector<LogLine> Logs::lines() const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return std::vector<LogLine>(lines_.begin(), lines_.end());
-}
-
-void Logs::clear()
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    lines_.clear();
 }
 
 int Logs::subscribe(Observer observer)
@@ -100,26 +85,6 @@ void log_host(const std::string& text)
     Logs::instance().add(line);
 }
 
-// ---------------------------------------------------------------- watchdog
-Watchdog& Watchdog::instance()
-{
-    static Watchdog* watchdog = new Watchdog();
-    return *watchdog;
-}
-
-void Watchdog::feed(const std::string& module)
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    ++counts_[module];
-}
-
-long long Watchdog::count(const std::string& module) const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto it = counts_.find(module);
-    return it == counts_.end() ? 0 : it->second;
-}
-
 }  // namespace standin
 
 namespace ac {
@@ -147,11 +112,10 @@ void log(const std::string& text)
 }
 }  // namespace error
 
+// The stand-in terminal has no hardware watchdog to feed: the feeds are
+// taken and dropped.
 namespace watchdog {
-void keep_alive(const std::string& module)
-{
-    standin::Watchdog::instance().feed(module);
-}
+void keep_alive(const std::string& /*module*/) {}
 }  // namespace watchdog
 
 }  // namespace ac

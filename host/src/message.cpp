@@ -1,22 +1,8 @@
 // Messages and replies.
 #include "ac/message.h"
 
-#include <atomic>
-
 #include "ac/message_enqueuer.h"
 #include "host_internal.h"
-
-namespace {
-
-// Constructions minus destructions of ac::Message, for Bus::live_messages.
-std::atomic<long> live_message_count{0};
-
-}  // namespace
-
-long standin::Bus::live_messages()
-{
-    return live_message_count.load();
-}
 
 namespace ac {
 
@@ -64,7 +50,6 @@ bool Message::Completion::received()
 Message::Message(std::string type, int priority, void (*reply_callback)(MessageReply*))
     : type_(std::move(type)), priority_(priority), reply_callback_(reply_callback)
 {
-    ++live_message_count;
 }
 
 // A copy carries the type and the fields only. The reply object stays with
@@ -77,7 +62,6 @@ Message::Message(const Message& other)
       reply_callback_(other.reply_callback_),
       fields_(other.fields_)
 {
-    ++live_message_count;
 }
 
 // A message never owns its reply object. Destroying a message ends its
@@ -86,7 +70,6 @@ Message::~Message()
 {
     if (completion_)
         completion_->signal();
-    --live_message_count;
 }
 
 void Message::add_int(std::string key, int value)

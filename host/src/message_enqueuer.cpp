@@ -14,9 +14,6 @@ standin::Bus::Impl& bus()
     return standin::Bus::instance().impl();
 }
 
-std::mutex process_call_mutex;
-std::optional<standin::QueueProcessCall> process_call;  // guarded by process_call_mutex
-
 // Runs one queued message's handler; whatever it throws is logged and dropped.
 void dispatch(const MessageEnqueuer::State::Item& item, void (*handler)(Message*))
 {
@@ -87,10 +84,13 @@ void MessageEnqueuer::enqueue(Message* msg, void (*function)(Message*))
 
 void MessageEnqueuer::process(int period, void (*keep_alive)())
 {
-    {
-        std::lock_guard<std::mutex> lock(process_call_mutex);
-        process_call = standin::QueueProcessCall{period, keep_alive};
+    std::string served = "queue served";
+    if (keep_alive) {
+        served += "; keep-alive after each message";
+        if (period > 0)
+            served += " and every " + std::to_string(period) + " ms idle";
     }
+    standin::log_host(served);
     State& state = *state_;
     struct ServingGuard {
         ServingGuard(const ServingGuard&) = delete;
@@ -144,9 +144,3 @@ void MessageEnqueuer::process(int period, void (*keep_alive)())
 }
 
 }  // namespace ac
-
-std::optional<standin::QueueProcessCall> standin::last_queue_process_call()
-{
-    std::lock_guard<std::mutex> lock(ac::process_call_mutex);
-    return ac::process_call;
-}

@@ -7,7 +7,7 @@
 
 #include "ac/ac_exception.h"
 #include "ac/config.h"
-#include "standin/standin.h"
+#include "host_internal.h"
 
 namespace ac {
 
@@ -89,65 +89,6 @@ timespec Clock::now() const
     return t;
 }
 
-// ---------------------------------------------------------------- threads
-Threads& Threads::instance()
-{
-    static Threads* threads = new Threads();
-    return *threads;
-}
-
-void Threads::named(const std::string& name, unsigned long thread)
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (failures_ > 0) {
-        --failures_;
-        throw ac::ac_exception("thread naming failure", true);
-    }
-    names_.push_back(ThreadName{name, thread});
-}
-
-void Threads::fail_next(int times)
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    failures_ = times;
-}
-
-std::vector<ThreadName> Threads::names() const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return names_;
-}
-
-// ---------------------------------------------------------------- buzzer
-Buzzer& Buzzer::instance()
-{
-    static Buzzer* buzzer = new Buzzer();
-    return *buzzer;
-}
-
-// A failing buzz does not count.
-void Buzzer::buzz()
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    if (failures_ > 0) {
-        --failures_;
-        throw ac::ac_exception("buzzer failure", true);
-    }
-    ++count_;
-}
-
-int Buzzer::count() const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return count_;
-}
-
-void Buzzer::fail_next(int times)
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    failures_ += times;
-}
-
 }  // namespace standin
 
 namespace ac {
@@ -189,7 +130,7 @@ int timespec_to_ms(const timespec& t)
 // The kernel keeps at most 15 characters of a thread's name.
 void set_thread_name(const std::string& name, unsigned long thread)
 {
-    standin::Threads::instance().named(name, thread);
+    standin::fail_if_configured("set_thread_name");
     pthread_setname_np(static_cast<pthread_t>(thread), name.substr(0, 15).c_str());
 }
 
@@ -200,9 +141,11 @@ bool device_is_varnek_KTR()
     return model == "varnek_KTR";
 }
 
+// The stand-in terminal's buzzer sounds as a line of its log.
 void rex_buzz::activateBuzzer()
 {
-    standin::Buzzer::instance().buzz();
+    standin::fail_if_configured("buzzer");
+    standin::log_host("buzzer");
 }
 
 }  // namespace util

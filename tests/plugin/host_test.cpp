@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "ac/message_enqueuer.h"
 #include "ac/util.h"
@@ -67,21 +68,20 @@ void counting_handler(ac::Message*)
 // A handler that throws is logged; the queue goes on with the next message.
 TEST(HostQueue, AThrowingHandlerIsLoggedAndTheQueueGoesOn)
 {
+    LogRecorder logs;
     ac::MessageEnqueuer queue;
     const ac::MessageListener table[] = {{"boom", throwing_handler, false},
                                          {"next", counting_handler, false}};
     queue.listen(table, 2);
-    std::thread runner([&queue] { queue.process(1000, [] {}); });
+    std::thread runner([&queue] { queue.process(0, nullptr); });
     queue.enqueue(new ac::Message("boom", 0, nullptr), nullptr);
     queue.enqueue(new ac::Message("next", 0, nullptr), nullptr);
     ASSERT_TRUE(standin::Bus::instance().wait_idle());
     EXPECT_EQ(handled.load(), 1);
     standin::Bus::instance().stop_queues();
     runner.join();
-    bool logged = false;
-    for (const standin::LogLine& line : standin::Logs::instance().lines())
-        logged = logged || line.text == "handler for boom threw: no such thing";
-    EXPECT_TRUE(logged);
+    EXPECT_EQ(logs.texts(standin::LogLine::Kind::host),
+              (std::vector<std::string>{"queue served", "handler for boom threw: no such thing"}));
 }
 
 // A file that is no plug-in is reported, and nothing runs.

@@ -62,7 +62,7 @@ protected:
     }
     void TearDown() override
     {
-        logs().unsubscribe(log_subscription_);
+        standin::Logs::instance().unsubscribe(log_subscription_);
         bus().unsubscribe(bus_subscription_);
         TerminalTest::TearDown();
     }
@@ -71,9 +71,12 @@ protected:
     // plug-in's threads).
     void observe()
     {
-        log_subscription_ = logs().subscribe([this](const standin::LogLine& line) {
+        log_subscription_ = standin::Logs::instance().subscribe([this](
+                                                                    const standin::LogLine& line) {
             if (line.kind == standin::LogLine::Kind::debug && line.function == "new_catra_event")
                 ++letters_read_;
+            else if (line.kind == standin::LogLine::Kind::host && line.text == "buzzer")
+                ++buzzes_;
             else if (line.text == "ERROR: Cannot turn left  while blocked!!")
                 ++refused_[0];
             else if (line.text == "ERROR: Cannot turn right while blocked!!")
@@ -185,7 +188,7 @@ protected:
     std::string problems_;  // guarded by problems_mutex_
     std::atomic<long> letters_read_{0}, messages_seen_{0}, refused_[2] = {{0}, {0}};
     std::atomic<long> events_[5] = {{0}, {0}, {0}, {0}, {0}};  // by event code - 7
-    std::atomic<long> written_{0}, commands_read_{0};
+    std::atomic<long> written_{0}, commands_read_{0}, buzzes_{0};
     long turn_letters_[2] = {0, 0};  // left, right: written by the controller thread
     long sent_ = 0;                  // written by the module thread
     int log_subscription_ = 0;
@@ -201,8 +204,6 @@ TEST_F(Soak, EventThreadQueueAndExitRequestWorkersAtOnce)
                 duration_s, seed);
 
     ASSERT_TRUE(wait_idle());
-    const long live_before = standin::Bus::live_messages();
-    const int buzzes_before = standin::Buzzer::instance().count();
     ASSERT_TRUE(load_plugin());
     ASSERT_TRUE(start_plugin());
     ASSERT_TRUE(expect_commands(setup_commands()));
@@ -222,7 +223,8 @@ TEST_F(Soak, EventThreadQueueAndExitRequestWorkersAtOnce)
     const auto end = SteadyClock::now() + std::chrono::seconds(duration_s);
     while (SteadyClock::now() < end && !stop_) {
         std::this_thread::sleep_for(milliseconds(200));
-        recorder().clear();  // the fixture's recorder would keep every message
+        recorder().clear();  // the fixture's recorders would keep every message
+        logs().clear();
     }
     stop_ = true;
     controller.join();
@@ -230,29 +232,23 @@ TEST_F(Soak, EventThreadQueueAndExitRequestWorkersAtOnce)
 
     const long turns = turn_letters_[0] + turn_letters_[1];
     const bool all_read = eventually([&] { return events_[0] + events_[1] >= turns; }, kCatchUp);
-    // Every message sent has been handled and freed: the queue, the delivery
-    // thread and the exit-request workers are done.
-    const bool quiet = eventually(
-        [&] {
-            return wait_idle(milliseconds(100)) && standin::Bus::live_messages() == live_before;
-        },
-        kCatchUp);
+    // Every message sent has been handled: the queue, the delivery thread and
+    // the exit-request workers are done.
+    const bool quiet = wait_idle(kCatchUp);
     recorder().clear();
     const long counted[2] = {static_cast<long>(database().counter("left_turns")),
                              static_cast<long>(database().counter("right_turns"))};
     std::printf(
         "soak: %ld letters written (%ld h, %ld i), %ld read; %ld messages sent, %ld seen on the "
-        "bus; %ld commands read; %d exit-request buzzes; turns counted %ld left, %ld right; "
+        "bus; %ld commands read; %ld exit-request buzzes; turns counted %ld left, %ld right; "
         "refused %ld left, %ld right\n",
         written_.load(), turn_letters_[0], turn_letters_[1], letters_read_.load(), sent_,
-        messages_seen_.load(), commands_read_.load(),
-        standin::Buzzer::instance().count() - buzzes_before, counted[0], counted[1],
+        messages_seen_.load(), commands_read_.load(), buzzes_.load(), counted[0], counted[1],
         refused_[0].load(), refused_[1].load());
 
     EXPECT_EQ(problems_, "");
     EXPECT_TRUE(all_read) << "the event thread did not read every turn letter";
-    EXPECT_TRUE(quiet) << "messages alive after the traffic: "
-                       << standin::Bus::live_messages() - live_before;
+    EXPECT_TRUE(quiet) << "the bus and the queues are still busy after the traffic";
     const char* const names[2] = {"TURN LEFT", "TURN RIGHT"};
     for (int side = 0; side < 2; ++side) {
         SCOPED_TRACE(names[side]);

@@ -63,6 +63,12 @@ std::string thrown_text(const std::function<void()>& call)
     return "";
 }
 
+std::string refusal(const std::string& statement, const std::string& table)
+{
+    return "CREATE TRIGGER refuse BEFORE " + statement + " ON " + table +
+           " BEGIN SELECT RAISE(ABORT, 'disk I/O error'); END";
+}
+
 // ------------------------------------------------------------------ Field, Reply
 
 Field::Field(std::string key, int value)
@@ -95,10 +101,10 @@ std::vector<std::string> TerminalTest::setup_commands()
 void TerminalTest::SetUp()
 {
     standin::install_services();
+    logs_ = std::make_unique<LogRecorder>();
     pty_ = std::make_unique<TestPty>();
     SyscallFaults::reset();
     SyscallFaults::watch_path(pty_->slave_path());
-    logs().clear();
     clock().set_manual(start_time());
     set_default_configuration();
     seed_database();
@@ -108,6 +114,7 @@ void TerminalTest::SetUp()
 void TerminalTest::TearDown()
 {
     recorder_.reset();
+    logs_.reset();
     // The plug-in's threads keep using the controller line until the process
     // ends; closing it here would make them fail under the test's feet.
     if (load_attempted.load() && pty_)
@@ -198,15 +205,6 @@ bool TerminalTest::expect_commands(const std::vector<std::string>& commands,
 bool TerminalTest::wait_idle(std::chrono::milliseconds timeout)
 {
     return bus().wait_idle(timeout);
-}
-
-std::vector<std::string> TerminalTest::log_texts(standin::LogLine::Kind kind) const
-{
-    std::vector<std::string> texts;
-    for (const standin::LogLine& line : standin::Logs::instance().lines())
-        if (line.kind == kind)
-            texts.push_back(line.text);
-    return texts;
 }
 
 std::optional<std::string> TestPty::read_bytes(std::size_t n, std::chrono::milliseconds timeout)

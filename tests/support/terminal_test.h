@@ -26,11 +26,13 @@
 
 #include "ac/ac.h"
 #include "bus_recorder.h"
+#include "log_recorder.h"
 #include "plugin_configuration.h"
 #include "simulator/controller_pty.h"
 #include "standin/standin.h"
 #include "stderr_capture.h"
 #include "syscall_faults.h"
+#include "watchdog_feeds.h"
 
 namespace catra_test {
 
@@ -55,6 +57,11 @@ bool eventually(Condition condition, std::chrono::milliseconds timeout = kWait)
 // false)" added when the exception's flag is not set (the plug-in sets it at
 // every throw); "" when nothing was raised.
 std::string thrown_text(const std::function<void()>& call);
+
+// SQL that makes SQLite refuse every `statement` ("INSERT", "UPDATE") on
+// `table` with "disk I/O error", which the data-access layer raises to its
+// caller; "DROP TRIGGER refuse" ends it.
+std::string refusal(const std::string& statement, const std::string& table);
 
 // A message field for send() and request(): {"key", 5} or {"key", "text"}.
 struct Field {
@@ -145,14 +152,17 @@ protected:
     bool wait_idle(std::chrono::milliseconds timeout = kWait);
 
     // The texts of the log lines of one kind, in order.
-    std::vector<std::string> log_texts(standin::LogLine::Kind kind) const;
+    std::vector<std::string> log_texts(standin::LogLine::Kind kind) const
+    {
+        return logs_->texts(kind);
+    }
 
     TestPty& pty() { return *pty_; }
     BusRecorder& recorder() { return *recorder_; }
     standin::Bus& bus() { return standin::Bus::instance(); }
     standin::Config& config() { return standin::Config::instance(); }
     standin::Clock& clock() { return standin::Clock::instance(); }
-    standin::Logs& logs() { return standin::Logs::instance(); }
+    LogRecorder& logs() { return *logs_; }
     standin::Database& database() { return standin::Database::instance(); }
 
 private:
@@ -160,6 +170,7 @@ private:
 
     std::unique_ptr<TestPty> pty_;
     std::unique_ptr<BusRecorder> recorder_;
+    std::unique_ptr<LogRecorder> logs_;
 };
 
 }  // namespace catra_test

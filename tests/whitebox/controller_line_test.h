@@ -64,10 +64,10 @@ protected:
     }
 
     // The debug lines as "function: text", or of one function its texts alone.
-    static Texts debug_lines(const std::string& function = "")
+    Texts debug_lines(const std::string& function = "")
     {
         Texts lines;
-        for (const standin::LogLine& line : standin::Logs::instance().lines()) {
+        for (const standin::LogLine& line : logs().lines()) {
             if (line.kind != standin::LogLine::Kind::debug)
                 continue;
             if (function.empty())

@@ -71,18 +71,12 @@ struct EventRow {
     bool passage;
 };
 const EventRow kEvents[] = {
-    {"ALWAYS BLOCKED", Does::mode, 0, 0, false},
-    {"ALWAYS FREE LEFT", Does::mode, 1, 0, false},
-    {"ALWAYS FREE RIGHT", Does::mode, 2, 0, false},
-    {"ALWAYS FREE BOTH", Does::mode, 3, 0, false},
-    {"FREE LEFT", Does::frees, 1, 0, false},
-    {"FREE RIGHT", Does::frees, 2, 0, false},
-    {"FREE BOTH", Does::frees, 3, 0, false},
-    {"TURN LEFT", Does::turn, 0, 0, true},
-    {"TURN RIGHT", Does::turn, 1, 0, true},
-    {"GIVE UP", Does::give_up, 0, 500, true},
-    {"BLOCKED", Does::nothing, 0, 100, false},
-    {"EVENT_READY", Does::report, 0, 0, false},
+    {"ALWAYS BLOCKED", Does::mode, 0, 0, false},    {"ALWAYS FREE LEFT", Does::mode, 1, 0, false},
+    {"ALWAYS FREE RIGHT", Does::mode, 2, 0, false}, {"ALWAYS FREE BOTH", Does::mode, 3, 0, false},
+    {"FREE LEFT", Does::frees, 1, 0, false},        {"FREE RIGHT", Does::frees, 2, 0, false},
+    {"FREE BOTH", Does::frees, 3, 0, false},        {"TURN LEFT", Does::turn, 0, 0, true},
+    {"TURN RIGHT", Does::turn, 1, 0, true},         {"GIVE UP", Does::give_up, 0, 500, true},
+    {"BLOCKED", Does::nothing, 0, 100, false},      {"EVENT_READY", Does::report, 0, 0, false},
     {"EVENT_NOT_READY", Does::report, 0, 0, false},
 };
 const char* const kStateNames[] = {"BLOCKED", "LEFT LIBERATED", "RIGHT LIBERATED",
@@ -143,10 +137,8 @@ const struct {
     const char* currents;
     const char* commands[3];  // by kDirections
 } kReleases[] = {
-    {"3", "0123", {nullptr, nullptr, nullptr}},
-    {"12", "0123", {"both", "both", "both"}},
-    {"0", "1", {"both", "anticlockwise", "both"}},
-    {"0", "2", {"clockwise", "both", "both"}},
+    {"3", "0123", {nullptr, nullptr, nullptr}},          {"12", "0123", {"both", "both", "both"}},
+    {"0", "1", {"both", "anticlockwise", "both"}},       {"0", "2", {"clockwise", "both", "both"}},
     {"0", "03", {"clockwise", "anticlockwise", "both"}},
 };
 // The reasons whose release writes an exit-request record, with their text.
@@ -161,7 +153,8 @@ const std::pair<const char*, const char*> kCommandTexts[] = {
 const struct {
     const char* mode;
     const char* commands[2];
-} kModes[] = {{"entrance_open", {"al", "ar"}}, {"exit_open", {"ar", "al"}}, {"both_open", {"ab", "ab"}}};
+} kModes[] = {
+    {"entrance_open", {"al", "ar"}}, {"exit_open", {"ar", "al"}}, {"both_open", {"ab", "ab"}}};
 
 // Enabling and disabling: what goes out, in order.
 const Texts kEnabling = {
@@ -170,11 +163,12 @@ const Texts kEnabling = {
     "gpio_update{gpio=21,enabled=0} (sync)", "gpio_update{gpio=10,enabled=0} (sync)",
     "gpio_update{gpio=11,enabled=0} (sync)", "write e\\0",
     "catra_catra_enabled_changed{enabled=1}"};
-const Texts kDisabling = {
-    "write d\\0",
-    "gpio_update{gpio=20,enabled=1} (sync)", "gpio_update{gpio=21,enabled=1} (sync)",
-    "gpio_update{gpio=10,enabled=1} (sync)", "gpio_update{gpio=11,enabled=1} (sync)",
-    "catra_catra_enabled_changed{enabled=0}"};
+const Texts kDisabling = {"write d\\0",
+                          "gpio_update{gpio=20,enabled=1} (sync)",
+                          "gpio_update{gpio=21,enabled=1} (sync)",
+                          "gpio_update{gpio=10,enabled=1} (sync)",
+                          "gpio_update{gpio=11,enabled=1} (sync)",
+                          "catra_catra_enabled_changed{enabled=0}"};
 
 bool has_digit(const char* digits, int value)
 {
@@ -217,7 +211,8 @@ struct Model {
     {
         if (state != current) {
             out.push_back("catra_state_changed{state=" + std::to_string(state) + "}");
-            log("send_message_catra_state_changed", std::string("Catra state : ") + kStateNames[state]);
+            log("send_message_catra_state_changed",
+                std::string("Catra state : ") + kStateNames[state]);
         }
         current = state;
     }
@@ -269,7 +264,10 @@ struct Model {
         last_event = now;
         publish(event);
         switch (row.does) {
-            case Does::mode: set_default(row.value); set_current(row.value); break;
+            case Does::mode:
+                set_default(row.value);
+                set_current(row.value);
+                break;
             case Does::frees: set_current(row.value); break;
             case Does::turn: turn(row.value); break;
             case Does::give_up:

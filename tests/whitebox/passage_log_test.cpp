@@ -6,6 +6,7 @@
 #include <functional>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "catra_internal.h"
@@ -81,35 +82,35 @@ TEST_F(PassageLog, OnlineTheOperationModeDecidesAndAnUnansweredQuestionRaises)
     }
 }
 
+// SQLite refusing the records: the table gone for the reads, a trigger that
+// raises for the writes; each undone after its row.
 TEST_F(PassageLog, DataAccessFailuresAreDroppedWithoutATrace)
 {
-    using standin::DalCall;
+    const std::pair<std::string, std::string> unreadable = {
+        "ALTER TABLE access_logs RENAME TO hidden", "ALTER TABLE hidden RENAME TO access_logs"};
+    const std::pair<std::string, std::string> unwritable = {refusal("UPDATE", "access_logs"),
+                                                            "DROP TRIGGER refuse"};
     const auto turn = [] { update_last_log(CatraEvent::TURN_RIGHT); };
     const auto give_up = [] { create_give_up_log(false); };
     const auto give_up_earlier = [] { create_give_up_log(true); };
     const struct {
-        DalCall fault;
+        std::pair<std::string, std::string> fault;
         std::function<void()> call;
         std::size_t debug_lines;  // lines written before the failure
     } table[] = {
-        {DalCall::access_log_get_last, turn, 0},
-        {DalCall::access_log_save, turn, 1},
-        {DalCall::access_log_get_last, give_up, 0},
-        {DalCall::access_log_get_before_last, give_up_earlier, 0},
-        {DalCall::access_log_save, give_up, 1},
+        {unreadable, turn, 0},
+        {unwritable, turn, 1},
+        {unreadable, give_up, 0},
+        {unwritable, give_up, 1},
+        {unreadable, give_up_earlier, 0},
     };
-    int index = 0;
     for (const auto& row : table) {
-        SCOPED_TRACE("row " + std::to_string(index++));
-        database().exec("DELETE FROM access_logs");
-        database().add_access_log(100, 1, 980, 1);
-        database().add_access_log(101, 2, 990, 1);
-        logs().clear();
-        database().fail_next(row.fault);
-        const standin::Rows before = records();
-
+        SCOPED_TRACE(row.fault.first + ", row " + std::to_string(&row - table));
+        restore_records();
+        database().exec(row.fault.first);
         EXPECT_NO_THROW(row.call());
-        EXPECT_EQ(records(), before);
+        database().exec(row.fault.second);
+        EXPECT_EQ(records(), seeded_);
         EXPECT_EQ(log_texts(standin::LogLine::Kind::debug).size(), row.debug_lines);
         EXPECT_TRUE(log_texts(standin::LogLine::Kind::error).empty());
         EXPECT_TRUE(recorder().messages().empty()) << recorder().dump();

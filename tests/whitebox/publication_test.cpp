@@ -29,9 +29,9 @@ TEST(Publication, ADataAccessFailureSendsNothingAndKeepsTheUuid)
     BusRecorder recorder;
     std::lock_guard<std::mutex> lock(state_mutex);
     release_uuid = "abc";
-    standin::Database::instance().fail_next(standin::DalCall::access_event_create);
+    standin::Database::instance().exec(refusal("INSERT", "access_events"));
     EXPECT_EQ(thrown_text([] { send_message_catra_event(CatraEvent::TURN_LEFT); }),
-              "injected fault in access_event::create");
+              "disk I/O error");
     EXPECT_TRUE(recorder.messages().empty());
     EXPECT_EQ(release_uuid, "abc");
 }

@@ -113,7 +113,7 @@ TEST_F(ReleaseRequest, FieldsDecideTheReleaseTheUuidAndTheRecord)
         {"unknown direction", false, {{"catra_direction", "x"}, {"uuid", "u-8"}, {"catra_reason", 2}},
          {"UUID: u-8", "unknown catra allow: x"}, {}, "u-8", {}},
         {"record fails", true, {{"catra_direction", "clockwise"}, {"uuid", "u-9"}, {"catra_reason", 2}},
-         {"UUID: u-9", "injected fault in create_log_rex"}, {}, "u-9", {}},
+         {"UUID: u-9", "disk I/O error"}, {}, "u-9", {}},
         // clang-format on
     };
     for (const auto& row : table) {
@@ -121,9 +121,11 @@ TEST_F(ReleaseRequest, FieldsDecideTheReleaseTheUuidAndTheRecord)
         release_uuid = "previous";
         database().exec("DELETE FROM access_logs");
         if (row.record_fails)
-            database().fail_next(standin::DalCall::create_log_rex);
+            database().exec(refusal("INSERT", "access_logs"));
         recorder().clear();
         request(row.fields);
+        if (row.record_fails)
+            database().exec("DROP TRIGGER refuse");
         EXPECT_EQ(debug_lines("liberate_catra_callback"), row.handler_lines);
         EXPECT_EQ(recorder().trace(), row.trace);
         EXPECT_EQ(release_uuid, row.uuid_after);

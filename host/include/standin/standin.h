@@ -7,12 +7,10 @@
 #include <chrono>
 #include <cstddef>
 #include <ctime>
-#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -52,12 +50,6 @@ public:
     // Stops the delivery thread after it has delivered what was sent.
     void shutdown();
 
-    // How many ac::Message objects (replies included) are alive in the
-    // process: constructed and not yet destroyed. Messages still waiting in
-    // the delivery thread or in a plug-in queue count as alive; once the bus
-    // is idle, a value above the one before the traffic is a leak.
-    static long live_messages();
-
     struct Impl;
     Impl& impl();
 
@@ -74,7 +66,10 @@ private:
 //   "antipassback_enabled" (0/1), "antipassback_mode" (text),
 //   "buttonholes" (comma-separated GPIO numbers of buttonholes 1, 2, ...),
 //   "device_model" ("varnek_KTR" makes device_is_varnek_KTR true),
-//   "device_id" (this device's id, default 1).
+//   "device_id" (this device's id, default 1),
+//   "failing" (comma-separated host utilities that raise ac::ac_exception
+//   when called: "buzzer" for ac::util::rex_buzz::activateBuzzer,
+//   "set_thread_name" for ac::util::set_thread_name).
 class Config {
 public:
     static Config& instance();
@@ -119,17 +114,14 @@ struct LogLine {
     int line = 0;
 };
 
-// Keeps the most recent kMaxLines lines (older ones are dropped, so that a
-// long run does not grow without bound); observers see every line.
+// Every line goes to the observers, in the order the lines were added, and
+// (unless echo is off) to standard error. The host's own lines are of kind
+// host: the buzzer sounding, a queue served, a handler that threw.
 class Logs {
 public:
-    static constexpr std::size_t kMaxLines = 10000;
     using Observer = std::function<void(const LogLine&)>;
     static Logs& instance();
     void add(const LogLine& line);
-    // The kept lines, oldest first.
-    std::vector<LogLine> lines() const;
-    void clear();
     int subscribe(Observer observer);
     void unsubscribe(int id);
     // Whether each line is also written to standard error (default true).
@@ -138,81 +130,12 @@ public:
 private:
     Logs() = default;
     mutable std::mutex mutex_;
-    std::deque<LogLine> lines_;
     std::map<int, Observer> observers_;
     int next_id_ = 1;
     bool echo_ = true;
 };
 
-// ---------------------------------------------------------------- watchdog, threads, buzzer
-class Watchdog {
-public:
-    static Watchdog& instance();
-    void feed(const std::string& module);
-    long long count(const std::string& module) const;
-
-private:
-    Watchdog() = default;
-    mutable std::mutex mutex_;
-    std::map<std::string, long long> counts_;
-};
-
-// What the last ac::MessageEnqueuer::process call was handed: the idle
-// period (ms) and the keep-alive function; nothing before the first call.
-struct QueueProcessCall {
-    int period = 0;
-    void (*keep_alive)() = nullptr;
-};
-std::optional<QueueProcessCall> last_queue_process_call();
-
-struct ThreadName {
-    std::string name;
-    unsigned long thread;
-};
-
-class Threads {
-public:
-    static Threads& instance();
-    void named(const std::string& name, unsigned long thread);  // raises when a fault was armed
-    std::vector<ThreadName> names() const;
-    void fail_next(int times = 1);
-
-private:
-    Threads() = default;
-    mutable std::mutex mutex_;
-    std::vector<ThreadName> names_;
-    int failures_ = 0;
-};
-
-class Buzzer {
-public:
-    static Buzzer& instance();
-    void buzz();  // raises when a fault was armed
-    int count() const;
-    void fail_next(int times = 1);
-
-private:
-    Buzzer() = default;
-    mutable std::mutex mutex_;
-    int count_ = 0;
-    int failures_ = 0;
-};
-
 // ---------------------------------------------------------------- data-access layer
-enum class DalCall {
-    access_event_create,
-    access_log_get_last,
-    access_log_get_before_last,
-    access_log_create,
-    access_log_save,
-    portal_load,
-    portal_add_actions,
-    action_load,
-    action_device_portals,
-    create_log_rex,
-    catra_info_inc,
-};
-
 using Rows = std::vector<std::vector<std::string>>;
 
 // The SQLite database behind ac_dal. Tables:
@@ -223,6 +146,9 @@ using Rows = std::vector<std::vector<std::string>>;
 //   actions(id, name)
 //   action_portals(action_id, portal_id)
 //   counters(name, value): "left_turns", "right_turns", "entrance_turns", "exit_turns"
+// A statement that SQLite refuses raises ac::ac_exception with SQLite's text in
+// the plug-in's call, so a trigger that raises (for example BEFORE INSERT ON
+// access_events) shows the plug-in's path when the database fails.
 class Database {
 public:
     static Database& instance();
@@ -238,11 +164,6 @@ public:
     void add_portal(long long id, long long device_id, const std::string& name);
     void add_action(long long id, const std::string& name, const std::vector<long long>& portals);
     long long add_access_log(long long user_id, long long portal_id, int time, int event);
-
-    // The next `times` calls of that kind raise ac::ac_exception.
-    void fail_next(DalCall call, int times = 1);
-    // Called by the ac_dal functions: raises when a fault is armed for call.
-    void check_fault(DalCall call);
 
     struct Impl;
     Impl& impl();
