@@ -28,6 +28,7 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -68,11 +69,7 @@ void configure(const std::string& device_path)
 
     standin::Database& db = standin::Database::instance();
     db.open(":memory:");
-    db.add_portal(1, 1, "portal 1");
-    db.add_portal(2, 1, "portal 2");
-    db.add_action(2, "release anticlockwise", {1, 2});
-    db.add_action(3, "release clockwise", {1, 2});
-    db.add_action(4, "release both", {1, 2});
+    db.seed(1, static_cast<int>(std::time(nullptr)));
 }
 
 // ---------------------------------------------------------------- the bus side

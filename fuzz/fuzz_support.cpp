@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <memory>
 
-#include "ac_dal/ac_dal.h"
 #include "catra_internal.h"
 #include "plugin_configuration.h"
 #include "simulator/controller_pty.h"
@@ -53,15 +52,7 @@ void seed_database()
         "DELETE FROM access_events; DELETE FROM access_logs; DELETE FROM portals; "
         "DELETE FROM portal_actions; DELETE FROM actions; DELETE FROM action_portals; "
         "DELETE FROM counters; DELETE FROM sqlite_sequence;");
-    db.add_portal(1, 1, "portal 1");
-    db.add_portal(2, 1, "portal 2");
-    db.add_action(2, "release anticlockwise", {1, 2});
-    db.add_action(3, "release clockwise", {1, 2});
-    db.add_action(4, "release both", {1, 2});
-    db.add_access_log(100, 1, static_cast<int>(kStart.tv_sec) - 20,
-                      ac_dal::access_log_event::GRANTED);
-    db.add_access_log(101, 2, static_cast<int>(kStart.tv_sec) - 10,
-                      ac_dal::access_log_event::GRANTED);
+    db.seed(1, static_cast<int>(kStart.tv_sec));
 }
 
 std::string device_path;

@@ -2,6 +2,7 @@
 #include <string>
 
 #include "ac/ac_exception.h"
+#include "ac_dal/ac_dal.h"
 #include "host_internal.h"
 
 namespace standin {
@@ -222,34 +223,21 @@ void Database::add_portal(long long id, long long device_id, const std::string& 
         .run();
 }
 
-void Database::add_action(long long id, const std::string& name,
-                          const std::vector<long long>& portals)
+void Database::seed(long long device_id, int now)
 {
-    DbSession session;
-    Statement(session.db(), "INSERT OR IGNORE INTO actions(id, name) VALUES(?, ?)")
-        .bind(1, id)
-        .bind(2, name)
-        .run();
-    for (long long portal : portals) {
-        Statement(session.db(),
-                  "INSERT OR IGNORE INTO action_portals(action_id, portal_id) VALUES(?, ?)")
-            .bind(1, id)
-            .bind(2, portal)
-            .run();
-    }
-}
-
-long long Database::add_access_log(long long user_id, long long portal_id, int time, int event)
-{
-    DbSession session;
-    Statement(session.db(),
-              "INSERT INTO access_logs(user_id, portal_id, time, event) VALUES(?, ?, ?, ?)")
-        .bind(1, user_id)
-        .bind(2, portal_id)
-        .bind(3, time)
-        .bind(4, event)
-        .run();
-    return sqlite3_last_insert_rowid(session.db());
+    add_portal(1, device_id, "portal 1");
+    add_portal(2, device_id, "portal 2");
+    exec(
+        "INSERT OR IGNORE INTO actions(id, name) VALUES (2, 'release anticlockwise'), "
+        "(3, 'release clockwise'), (4, 'release both');"
+        "INSERT OR IGNORE INTO action_portals(action_id, portal_id) VALUES (2, 1), (2, 2), "
+        "(3, 1), (3, 2), (4, 1), (4, 2);");
+    if (query("SELECT COUNT(*) FROM access_logs").at(0).at(0) != "0")
+        return;
+    const std::string granted = std::to_string(ac_dal::access_log_event::GRANTED);
+    exec("INSERT INTO access_logs(user_id, portal_id, time, event) VALUES (100, 1, " +
+         std::to_string(now - 20) + ", " + granted + "), (101, 2, " + std::to_string(now - 10) +
+         ", " + granted + ")");
 }
 
 }  // namespace standin

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -205,7 +206,7 @@ std::optional<int> Session::prepare()
     standin::Database& database = standin::Database::instance();
     try {
         database.open(options_.db);
-        terminal::seed_records(database, ac_dal::device::this_id());
+        database.seed(ac_dal::device::this_id(), static_cast<int>(std::time(nullptr)));
     } catch (const std::exception& e) {
         report(std::string("database: ") + e.what());
         return 1;

@@ -1,6 +1,5 @@
 #include "records.h"
 
-#include <ctime>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -67,20 +66,6 @@ Json portals(standin::Database& database)
 }
 
 }  // namespace
-
-void seed_records(standin::Database& database, long long device_id)
-{
-    database.add_portal(1, device_id, "portal 1");
-    database.add_portal(2, device_id, "portal 2");
-    database.add_action(2, "release anticlockwise", {1, 2});
-    database.add_action(3, "release clockwise", {1, 2});
-    database.add_action(4, "release both", {1, 2});
-    if (database.query("SELECT COUNT(*) FROM access_logs").at(0).at(0) == "0") {
-        const int now = static_cast<int>(std::time(nullptr));
-        database.add_access_log(100, 1, now - 20, ac_dal::access_log_event::GRANTED);
-        database.add_access_log(101, 2, now - 10, ac_dal::access_log_event::GRANTED);
-    }
-}
 
 bool is_dump_name(const std::string& what)
 {

@@ -1,5 +1,4 @@
-// The database records that the terminal creates at start and prints on
-// request.
+// The database records that the terminal prints on request.
 #pragma once
 
 #include <cstddef>
@@ -9,12 +8,6 @@
 #include "standin/standin.h"
 
 namespace terminal {
-
-// Creates, when missing: this device's portals 1 and 2, the release actions
-// 2 (anticlockwise), 3 (clockwise) and 4 (both) on both portals, and, when the
-// access log is empty, two granted accesses (users 100 and 101, portals 1 and
-// 2) for the plug-in's passage and give-up records to complete.
-void seed_records(standin::Database& database, long long device_id);
 
 // The names that dump_records knows.
 bool is_dump_name(const std::string& what);

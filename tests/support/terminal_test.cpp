@@ -2,8 +2,6 @@
 
 #include "plugin_configuration.h"
 
-#include "ac_dal/ac_dal.h"
-
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
@@ -107,7 +105,8 @@ void TerminalTest::SetUp()
     SyscallFaults::watch_path(pty_->slave_path());
     clock().set_manual(start_time());
     set_default_configuration();
-    seed_database();
+    database().open(":memory:");
+    database().seed(kDeviceId, static_cast<int>(start_time().tv_sec));
     recorder_ = std::make_unique<BusRecorder>();
 }
 
@@ -124,22 +123,6 @@ void TerminalTest::TearDown()
 void TerminalTest::set_default_configuration()
 {
     simulator::write_plugin_configuration(config(), pty_->slave_path());
-}
-
-void TerminalTest::seed_database()
-{
-    standin::Database& db = database();
-    db.close();
-    db.open(":memory:");
-    db.add_portal(1, kDeviceId, "portal 1");
-    db.add_portal(2, kDeviceId, "portal 2");
-    db.add_action(2, "release anticlockwise", {1, 2});
-    db.add_action(3, "release clockwise", {1, 2});
-    db.add_action(4, "release both", {1, 2});
-    db.add_access_log(100, 1, static_cast<int>(start_time().tv_sec) - 20,
-                      ac_dal::access_log_event::GRANTED);
-    db.add_access_log(101, 2, static_cast<int>(start_time().tv_sec) - 10,
-                      ac_dal::access_log_event::GRANTED);
 }
 
 bool TerminalTest::load_plugin(std::string* error)

@@ -166,8 +166,6 @@ protected:
     standin::Database& database() { return standin::Database::instance(); }
 
 private:
-    void seed_database();
-
     std::unique_ptr<TestPty> pty_;
     std::unique_ptr<BusRecorder> recorder_;
     std::unique_ptr<LogRecorder> logs_;

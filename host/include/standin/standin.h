@@ -160,10 +160,14 @@ public:
     Rows query(const std::string& sql);
     long long counter(const std::string& name);
 
-    // Seeding helpers: create when missing.
+    // The records a terminal starts with, each made when missing: portals 1
+    // and 2 of this device, the release actions 2 (anticlockwise), 3
+    // (clockwise) and 4 (both) on both portals, and, when the access log is
+    // empty, two granted accesses (users 100 and 101, at `now` - 20 and `now`
+    // - 10) for the plug-in's passage and give-up records.
+    void seed(long long device_id, int now);
+    // Makes the portal when missing.
     void add_portal(long long id, long long device_id, const std::string& name);
-    void add_action(long long id, const std::string& name, const std::vector<long long>& portals);
-    long long add_access_log(long long user_id, long long portal_id, int time, int event);
 
     struct Impl;
     Impl& impl();
