@@ -2,15 +2,15 @@
 // sequences of controller letters (with the time between them), release
 // requests, operation-mode and gateway changes and enable/disable requests,
 // runs them on the plug-in's functions on this one thread, and compares after
-// every step the controller texts and bus messages (in order), the error log,
-// the access-log records, the turn counters and the states with what the
-// model says. A failing sequence is shrunk to the shortest one that fails;
-// RC_PARAMS="seed=N" replays one.
+// every step the controller texts and bus messages (in order), the debug and
+// error lines, the access-log records and access events, the turn counters
+// and the states with what the model says. A failing sequence is shrunk to
+// the shortest one that fails; RC_PARAMS="seed=N" replays one.
 //
-// The model is the turnstile's decision tables written as data: which mode
-// command brings the turnstile back to its default, which command a release
-// writes, how a turn is counted, when a give-up marks a record, and the time
-// filter of the blocked and given-up events.
+// The model is the turnstile's decision tables written as data (what each
+// letter does, turns by state, ways by gateway, the command back to the
+// default, the command of a release, the modes, enabling and disabling), read
+// by a few generic lines.
 #include <gtest/gtest.h>
 #include <rapidcheck.h>
 #include <rapidcheck/gtest.h>
@@ -22,7 +22,6 @@
 #include <ostream>
 #include <regex>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "catra_internal.h"
@@ -32,85 +31,67 @@ namespace catra_test {
 
 struct Op {
     enum Kind { letter, release, mode, gateway, enable } kind = letter;
-    char code = 'a';    // letter: the byte the controller reports
-    long advance = 0;   // letter: ms since the previous step
-    std::string text;   // release: the direction; mode: the operation mode
-    int reason = 0;     // release
-    bool flag = false;  // gateway: clockwise; enable: the wanted flag
+    char code = 'a';   // letter: the byte the controller reports
+    long advance = 0;  // letter: ms since the previous step
+    std::string text;  // release: the direction; mode: the operation mode; gateway
+    int number = 0;    // release: the reason; enable: the "enabled" field
 };
 
 void showValue(const Op& op, std::ostream& out)
 {
-    switch (op.kind) {
-        case Op::letter: out << "letter " << op.code << " after " << op.advance << " ms"; break;
-        case Op::release: out << "release " << op.text << " reason " << op.reason; break;
-        case Op::mode: out << "operation_mode \"" << op.text << '"'; break;
-        case Op::gateway: out << "gateway " << (op.flag ? "clockwise" : "anticlockwise"); break;
-        case Op::enable: out << "enabled " << op.flag; break;
-    }
+    const char* const kinds[] = {"letter", "release", "operation_mode", "gateway", "enabled"};
+    out << kinds[op.kind] << ' ';
+    if (op.kind == Op::letter)
+        out << op.code << " after " << op.advance << " ms";
+    else
+        out << '"' << op.text << "\" " << op.number;
 }
 
 namespace {
 
-// Access-log records, oldest first: portal, event, user, and whether the
-// record carries the time of a write (the seeded ones are older).
-using Records = std::vector<std::array<int, 4>>;
-
 // ---------------------------------------------------------------- the tables
 
 // What each controller letter, a to m (codes 0 to 12), does once it passes
-// the time filter: it is dropped when it comes fewer than `dropped_below` ms
-// after the last accepted event (0: never dropped); a passage stores an
+// the time filter, where it is dropped when it comes fewer than
+// `dropped_below` ms after the last accepted event (0: never). A report
+// passes no filter and leaves its clock alone; a turn or a give-up stores an
 // access event.
 enum class Does { mode, frees, turn, give_up, nothing, report };
-struct EventRow {
+const struct {
     const char* name;
     Does does;
     int value;  // mode, frees: the state set; turn: the side (0 left, 1 right)
     int dropped_below;
-    bool passage;
-};
-const EventRow kEvents[] = {
-    {"ALWAYS BLOCKED", Does::mode, 0, 0, false},    {"ALWAYS FREE LEFT", Does::mode, 1, 0, false},
-    {"ALWAYS FREE RIGHT", Does::mode, 2, 0, false}, {"ALWAYS FREE BOTH", Does::mode, 3, 0, false},
-    {"FREE LEFT", Does::frees, 1, 0, false},        {"FREE RIGHT", Does::frees, 2, 0, false},
-    {"FREE BOTH", Does::frees, 3, 0, false},        {"TURN LEFT", Does::turn, 0, 0, true},
-    {"TURN RIGHT", Does::turn, 1, 0, true},         {"GIVE UP", Does::give_up, 0, 500, true},
-    {"BLOCKED", Does::nothing, 0, 100, false},      {"EVENT_READY", Does::report, 0, 0, false},
-    {"EVENT_NOT_READY", Does::report, 0, 0, false},
+} kEvents[] = {
+    {"ALWAYS BLOCKED", Does::mode, 0, 0},    {"ALWAYS FREE LEFT", Does::mode, 1, 0},
+    {"ALWAYS FREE RIGHT", Does::mode, 2, 0}, {"ALWAYS FREE BOTH", Does::mode, 3, 0},
+    {"FREE LEFT", Does::frees, 1, 0},        {"FREE RIGHT", Does::frees, 2, 0},
+    {"FREE BOTH", Does::frees, 3, 0},        {"TURN LEFT", Does::turn, 0, 0},
+    {"TURN RIGHT", Does::turn, 1, 0},        {"GIVE UP", Does::give_up, 0, 500},
+    {"BLOCKED", Does::nothing, 0, 100},      {"EVENT_READY", Does::report, 0, 0},
+    {"EVENT_NOT_READY", Does::report, 0, 0},
 };
 const char* const kStateNames[] = {"BLOCKED", "LEFT LIBERATED", "RIGHT LIBERATED",
                                    "BOTH LIBERATED"};
 
-// A turn by the current state, [state][side]; `completes` counts it and
-// gives the two-way release's record the side taken, when the default state
-// is one of those marked in kTwoWayRelease.
+// A turn by the current state, [state][side]: refused, counted, or counted
+// after the two-way release's record learns the side taken (unless the
+// default state is BOTH LIBERATED).
 enum Turn { refused, counted, completes };
 const Turn kTurns[4][2] = {
-    // left      right
-    {refused, refused},      // BLOCKED
-    {counted, refused},      // LEFT LIBERATED
-    {refused, counted},      // RIGHT LIBERATED
-    {completes, completes},  // BOTH LIBERATED
-};
-const bool kTwoWayRelease[4] = {true, true, true, false};  // by default state
+    {refused, refused}, {counted, refused}, {refused, counted}, {completes, completes}};
 const char* const kRefusals[2] = {"ERROR: Cannot turn left  while blocked!!",
                                   "ERROR: Cannot turn right while blocked!!"};
 
-// By "gateway" ("clockwise" or not) and side: the counter of the way (2
-// entrance, 3 exit; 0 and 1 are the left and right counters) and the portal.
-struct Way {
+// By "gateway" (anything else, "clockwise") and side: the counter of the way
+// (2 entrance, 3 exit; 0 and 1 are the left and right counters) and the portal.
+const struct {
     int counter;
     int portal;
-};
-const Way kWays[2][2] = {
-    // left      right
-    {{2, 1}, {3, 2}},  // anything else
-    {{3, 2}, {2, 1}},  // "clockwise"
-};
+} kWays[2][2] = {{{2, 1}, {3, 2}}, {{3, 2}, {2, 1}}};
 
-// Whether a release is pending, [default][current]: its record is the one a
-// give-up marks, and the turnstile goes back to its default first.
+// Whether a release is pending, [default][current]: a give-up marks its
+// record, and a new release gives it up and goes back to the default first.
 const bool kPending[4][4] = {
     {false, true, true, true},
     {true, false, true, true},
@@ -122,11 +103,10 @@ const bool kPending[4][4] = {
 // the default one, [default][current]; null: no command, the state is set to
 // the default.
 const char* const kBackToDefault[4][4] = {
-    // current: BLOCKED  LEFT      RIGHT     BOTH
-    {nullptr, "i", "i", "i"},        // default BLOCKED
-    {nullptr, nullptr, "al", "al"},  // default LEFT_LIBERATED
-    {nullptr, "ar", nullptr, "ar"},  // default RIGHT_LIBERATED
-    {"ab", "ab", "ab", nullptr},     // default BOTH_LIBERATED
+    {nullptr, "i", "i", "i"},
+    {nullptr, nullptr, "al", "al"},
+    {nullptr, "ar", nullptr, "ar"},
+    {"ab", "ab", "ab", nullptr},
 };
 
 // The command of a release direction: the first row whose default and
@@ -141,15 +121,15 @@ const struct {
     {"0", "1", {"both", "anticlockwise", "both"}},       {"0", "2", {"clockwise", "both", "both"}},
     {"0", "03", {"clockwise", "anticlockwise", "both"}},
 };
-// The reasons whose release writes an exit-request record, with their text.
-const std::pair<int, const char*> kRecordedReasons[] = {{0, "UNKNOWN"}, {2, "REX"}, {3, "WEB"}};
+// The reasons whose release writes an exit-request record, by their text.
+const char* const kRecordedReasons[] = {"UNKNOWN", nullptr, "REX", "WEB"};
 
 const std::pair<const char*, const char*> kCommandTexts[] = {
     {"clockwise", "r5"},       {"anticlockwise", "l5"},       {"both", "b5"}, {"always", "ab"},
     {"alwaysclockwise", "ar"}, {"alwaysanticlockwise", "al"}, {"idle", "i"}};
 
-// "operation_mode" to the command written, by "gateway" (not "clockwise",
-// "clockwise"); any other text writes "i".
+// "operation_mode" to the command written, by "gateway" (anything else,
+// "clockwise"); any other mode writes "i".
 const struct {
     const char* mode;
     const char* commands[2];
@@ -177,6 +157,9 @@ bool has_digit(const char* digits, int value)
 
 // ---------------------------------------------------------------- the model
 
+// What the turnstile holds and what one step made it do. Records: the
+// access-log records, oldest first, as portal, event, user and whether the
+// record carries the time of a write (the seeded ones are older).
 struct Model {
     int current = 0;
     int fallback = 0;  // the default state
@@ -186,7 +169,7 @@ struct Model {
     long now = 0;
     long last_event = 0;
     std::array<long long, 4> counters{};  // left, right, entrance, exit turns
-    Records records{{1, 1, 100, 0}, {2, 1, 101, 0}};
+    std::vector<std::array<int, 4>> records{{1, 1, 100, 0}, {2, 1, 101, 0}};
     Texts access_events;  // module, name, uuid and device of each, oldest first
     int fd = -1;          // the controller's descriptor, as the command lines show it
     Texts out;            // what the step writes and sends
@@ -207,42 +190,21 @@ struct Model {
             if (name == command)
                 write(text);
     }
-    void set_current(int state)
+    void set(int& state, int value, const std::string& name)
     {
-        if (state != current) {
-            out.push_back("catra_state_changed{state=" + std::to_string(state) + "}");
-            log("send_message_catra_state_changed",
-                std::string("Catra state : ") + kStateNames[state]);
+        if (value != state) {
+            out.push_back("catra_" + name + "_changed{" + name + "=" + std::to_string(value) + "}");
+            log("send_message_catra_" + name + "_changed",
+                "Catra " + name + " : " + kStateNames[value]);
         }
-        current = state;
-    }
-    void set_default(int state)
-    {
-        if (state != fallback) {
-            out.push_back("catra_default_state_changed{default_state=" + std::to_string(state) +
-                          "}");
-            log("send_message_catra_default_state_changed",
-                std::string("Catra default_state : ") + kStateNames[state]);
-        }
-        fallback = state;
+        state = value;
     }
     void back_to_default()
     {
         if (const char* text = kBackToDefault[fallback][current])
             write(text);
         else
-            set_current(fallback);
-    }
-    void publish(int event)
-    {
-        const EventRow& row = kEvents[event];
-        if (row.passage)
-            access_events.push_back("catra " + std::string(row.name) + " " + uuid + " 1");
-        out.push_back("catra_event{event=" + std::to_string(event) + ",event_name=\"" + row.name +
-                      "\",timestamp=T,uuid=\"" + uuid + "\",access_event_id=" +
-                      std::to_string(row.passage ? access_events.size() : 0) + "}");
-        if (row.passage)
-            uuid.clear();
+            set(current, fallback, "state");
     }
     void give_up(std::array<int, 4>& record)
     {
@@ -254,36 +216,40 @@ struct Model {
 
     void letter(int event, long advance)
     {
-        const EventRow& row = kEvents[event];
+        const auto& row = kEvents[event];
         now += advance;
         log("new_catra_event", std::string("Catra event : ") + row.name);
-        if (row.does == Does::report)
-            return publish(event);
-        if (row.dropped_below > 0 && now - last_event < row.dropped_below)
-            return;
-        last_event = now;
-        publish(event);
-        switch (row.does) {
-            case Does::mode:
-                set_default(row.value);
-                set_current(row.value);
-                break;
-            case Does::frees: set_current(row.value); break;
-            case Does::turn: turn(row.value); break;
-            case Does::give_up:
-                if (kPending[fallback][current])
-                    give_up(records.back());
-                back_to_default();
-                break;
-            default: break;
+        if (row.does != Does::report) {
+            if (row.dropped_below > 0 && now - last_event < row.dropped_below)
+                return;
+            last_event = now;
+        }
+        const bool passage = row.does == Does::turn || row.does == Does::give_up;
+        if (passage)
+            access_events.push_back("catra " + std::string(row.name) + " " + uuid + " 1");
+        out.push_back("catra_event{event=" + std::to_string(event) + ",event_name=\"" + row.name +
+                      "\",timestamp=T,uuid=\"" + uuid + "\",access_event_id=" +
+                      std::to_string(passage ? access_events.size() : 0) + "}");
+        if (passage)
+            uuid.clear();
+        if (row.does == Does::mode)
+            set(fallback, row.value, "default_state");
+        if (row.does == Does::mode || row.does == Does::frees)
+            set(current, row.value, "state");
+        if (row.does == Does::turn)
+            turn(row.value);
+        if (row.does == Does::give_up) {
+            if (kPending[fallback][current])
+                give_up(records.back());
+            back_to_default();
         }
     }
 
     void turn(int side)
     {
         const Turn turn = kTurns[current][side];
-        const Way way = kWays[clockwise][side];
-        if (turn == completes && kTwoWayRelease[fallback]) {
+        const auto way = kWays[clockwise][side];
+        if (turn == completes && fallback != 3) {
             records.back()[0] = way.portal;
             records.back()[3] = 1;
             log("update_last_log", "portal_id: " + std::to_string(way.portal) +
@@ -307,20 +273,16 @@ struct Model {
         const auto named = std::find(std::begin(kDirections), std::end(kDirections), direction);
         if (named == std::end(kDirections))
             return command(direction);
-        const char* chosen = nullptr;
-        for (const auto& row : kReleases) {
-            if (has_digit(row.defaults, fallback) && has_digit(row.currents, current)) {
-                chosen = row.commands[named - std::begin(kDirections)];
-                break;
-            }
-        }
+        const auto row = std::find_if(std::begin(kReleases), std::end(kReleases), [&](auto& row) {
+            return has_digit(row.defaults, fallback) && has_digit(row.currents, current);
+        });
+        const char* chosen = row->commands[named - std::begin(kDirections)];
         if (chosen == nullptr)
             return;
-        for (const auto& [recorded, text] : kRecordedReasons) {
-            if (reason == recorded) {
-                log("log_catra_liberated", "Allow " + direction + "! Reason: " + text);
-                records.push_back({1, 12, 0, 1});
-            }
+        if (reason >= 0 && reason <= 3 && kRecordedReasons[reason] != nullptr) {
+            log("log_catra_liberated",
+                "Allow " + direction + "! Reason: " + kRecordedReasons[reason]);
+            records.push_back({1, 12, 0, 1});
         }
         if (kPending[fallback][current]) {
             give_up(records[records.size() - 2]);
@@ -331,11 +293,9 @@ struct Model {
 
     void operation_mode(const std::string& mode)
     {
-        const char* text = "i";
-        for (const auto& row : kModes)
-            if (mode == row.mode)
-                text = row.commands[clockwise];
-        write(text);
+        const auto row = std::find_if(std::begin(kModes), std::end(kModes),
+                                      [&](auto& row) { return mode == row.mode; });
+        write(row == std::end(kModes) ? "i" : row->commands[clockwise]);
     }
 
     void enable(bool wanted)
@@ -348,27 +308,37 @@ struct Model {
             std::string("Catra enabled : ") + (wanted ? "1" : "0"));
         enabled = wanted;
     }
+
+    void step(const Op& op, const std::string& new_uuid)
+    {
+        out.clear();
+        logs.clear();
+        switch (op.kind) {
+            case Op::letter: letter(op.code - 'a', op.advance); break;
+            case Op::release: release(op.text, op.number, new_uuid); break;
+            case Op::mode: operation_mode(op.text); break;
+            case Op::gateway: clockwise = op.text == "clockwise"; break;
+            case Op::enable: enable(op.number != 0); break;
+        }
+    }
 };
 
 rc::Gen<Op> ops()
 {
     using namespace rc::gen;
     const auto kind = [](Op::Kind kind) { return set(&Op::kind, just(kind)); };
+    const auto texts = [](auto... texts) { return set(&Op::text, element<std::string>(texts...)); };
     return weightedOneOf<Op>({
-        {8, build<Op>(kind(Op::letter),
-                      set(&Op::code,
-                          element('a', 'b', 'c', 'd', 'e', 'f', 'g', 'h', 'i', 'j', 'k', 'l', 'm')),
+        {8, build<Op>(kind(Op::letter), set(&Op::code, inRange('a', 'n')),
                       set(&Op::advance, element(0L, 60L, 99L, 100L, 499L, 500L, 2000L)))},
         {4, build<Op>(kind(Op::release),
-                      set(&Op::text,
-                          element<std::string>("clockwise", "anticlockwise", "both", "always",
-                                               "alwaysclockwise", "alwaysanticlockwise", "idle")),
-                      set(&Op::reason, element(0, 1, 2, 3, 7)))},
+                      texts("clockwise", "anticlockwise", "both", "always", "alwaysclockwise",
+                            "alwaysanticlockwise", "idle"),
+                      set(&Op::number, element(0, 1, 2, 3, 7)))},
         {1, build<Op>(kind(Op::mode),
-                      set(&Op::text, element<std::string>("entrance_open", "exit_open", "both_open",
-                                                          "Entrance_open", "")))},
-        {1, build<Op>(kind(Op::gateway), set(&Op::flag))},
-        {1, build<Op>(kind(Op::enable), set(&Op::flag))},
+                      texts("entrance_open", "exit_open", "both_open", "Entrance_open", ""))},
+        {1, build<Op>(kind(Op::gateway), texts("clockwise", "anticlockwise", "Clockwise"))},
+        {1, build<Op>(kind(Op::enable), set(&Op::number, element(0, 1, 7, -1)))},
     });
 }
 
@@ -379,7 +349,6 @@ protected:
     void SetUp() override
     {
         ControllerLineTest::SetUp();
-        config().erase("catra", "gateway");
         logs().set_echo(false);
     }
     void TearDown() override
@@ -388,7 +357,7 @@ protected:
         ControllerLineTest::TearDown();
     }
 
-    void run(const Op& op, int step)
+    void run(const Op& op, const std::string& uuid)
     {
         switch (op.kind) {
             case Op::letter: {
@@ -398,37 +367,16 @@ protected:
                 break;
             }
             case Op::release:
-                handle(liberate_catra_callback, {{"catra_direction", op.text},
-                                                 {"uuid", "u" + std::to_string(step)},
-                                                 {"catra_reason", op.reason}});
+                handle(liberate_catra_callback,
+                       {{"catra_direction", op.text}, {"uuid", uuid}, {"catra_reason", op.number}});
                 break;
             case Op::mode: catra_config_set_callback("catra", "operation_mode", op.text); break;
-            case Op::gateway:
-                config().set("catra", "gateway", op.flag ? "clockwise" : "anticlockwise");
-                break;
-            case Op::enable: handle(catra_set_enabled_callback, {{"enabled", op.flag}}); break;
+            case Op::gateway: config().set("catra", "gateway", op.text); break;
+            case Op::enable: handle(catra_set_enabled_callback, {{"enabled", op.number}}); break;
         }
     }
 
-    Records records()
-    {
-        Records rows;
-        for (const auto& row :
-             database().query("SELECT portal_id, event, user_id, time > 100000 FROM access_logs "
-                              "ORDER BY id"))
-            rows.push_back(
-                {std::stoi(row[0]), std::stoi(row[1]), std::stoi(row[2]), std::stoi(row[3])});
-        return rows;
-    }
-    Texts access_events()
-    {
-        Texts rows;
-        for (const auto& row : database().query(
-                 "SELECT module, name, uuid, device_id FROM access_events ORDER BY id"))
-            rows.push_back(row[0] + " " + row[1] + " " + row[2] + " " + row[3]);
-        return rows;
-    }
-    // The debug and error lines kept since the step began.
+    // The debug and error lines, as the model writes them.
     Texts log_lines()
     {
         Texts lines;
@@ -440,10 +388,13 @@ protected:
         }
         return lines;
     }
-    std::array<long long, 4> counters()
+    // The first column of each row of a query.
+    Texts column(const std::string& sql)
     {
-        return {database().counter("left_turns"), database().counter("right_turns"),
-                database().counter("entrance_turns"), database().counter("exit_turns")};
+        Texts values;
+        for (const auto& row : database().query(sql))
+            values.push_back(row.at(0));
+        return values;
     }
 };
 
@@ -454,29 +405,29 @@ RC_GTEST_FIXTURE_PROP(Turnstile, FollowsItsDecisionTables, ())
     model.fd = catra_fd;
     const std::regex timestamp("timestamp=[0-9]+");
     for (std::size_t step = 0; step < sequence.size(); ++step) {
-        const Op& op = sequence[step];
-        model.out.clear();
-        model.logs.clear();
-        switch (op.kind) {
-            case Op::letter: model.letter(op.code - 'a', op.advance); break;
-            case Op::release: model.release(op.text, op.reason, "u" + std::to_string(step)); break;
-            case Op::mode: model.operation_mode(op.text); break;
-            case Op::gateway: model.clockwise = op.flag; break;
-            case Op::enable: model.enable(op.flag); break;
-        }
-
+        const std::string uuid = "u" + std::to_string(step);
+        model.step(sequence[step], uuid);
         logs().clear();
         recorder().clear();
-        run(op, static_cast<int>(step));
+        run(sequence[step], uuid);
+
         Texts seen;
         for (const std::string& line : recorder().trace())
             seen.push_back(std::regex_replace(line, timestamp, "timestamp=T"));
-
+        Texts records;
+        for (const auto& [portal, event, user, written] : model.records)
+            records.push_back(std::to_string(portal) + " " + std::to_string(event) + " " +
+                              std::to_string(user) + " " + std::to_string(written));
         RC_ASSERT(seen == model.out);
         RC_ASSERT(log_lines() == model.logs);
-        RC_ASSERT(records() == model.records);
-        RC_ASSERT(access_events() == model.access_events);
-        RC_ASSERT(counters() == model.counters);
+        RC_ASSERT(column("SELECT portal_id || ' ' || event || ' ' || user_id || ' ' || "
+                         "(time > 100000) FROM access_logs ORDER BY id") == records);
+        RC_ASSERT(column("SELECT module || ' ' || name || ' ' || uuid || ' ' || device_id FROM "
+                         "access_events ORDER BY id") == model.access_events);
+        RC_ASSERT((std::array<long long, 4>{
+                      database().counter("left_turns"), database().counter("right_turns"),
+                      database().counter("entrance_turns"), database().counter("exit_turns")}) ==
+                  model.counters);
         RC_ASSERT(current_state == model.current);
         RC_ASSERT(default_state == model.fallback);
         RC_ASSERT(catra_enabled == model.enabled);
