@@ -18,6 +18,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <ctime>
 #include <mutex>
 #include <ostream>
 #include <regex>
@@ -159,7 +160,7 @@ bool has_digit(const char* digits, int value)
 
 // What the turnstile holds and what one step made it do. Records: the
 // access-log records, oldest first, as portal, event, user and whether the
-// record carries the time of a write (the seeded ones are older).
+// record carries a time of the run (the seeded ones are older).
 struct Model {
     int current = 0;
     int fallback = 0;  // the default state
@@ -170,7 +171,7 @@ struct Model {
     long last_event = 0;
     std::array<long long, 4> counters{};  // left, right, entrance, exit turns
     std::vector<std::array<int, 4>> records{{1, 1, 100, 0}, {2, 1, 101, 0}};
-    Texts access_events;  // module, name, uuid and device of each, oldest first
+    Texts access_events;  // module, name, uuid, device and a time of the run, oldest first
     int fd = -1;          // the controller's descriptor, as the command lines show it
     Texts out;            // what the step writes and sends
     Texts logs;           // the step's debug and error lines
@@ -226,7 +227,7 @@ struct Model {
         }
         const bool passage = row.does == Does::turn || row.does == Does::give_up;
         if (passage)
-            access_events.push_back("catra " + std::string(row.name) + " " + uuid + " 1");
+            access_events.push_back("catra " + std::string(row.name) + " " + uuid + " 1 1");
         out.push_back("catra_event{event=" + std::to_string(event) + ",event_name=\"" + row.name +
                       "\",timestamp=T,uuid=\"" + uuid + "\",access_event_id=" +
                       std::to_string(passage ? access_events.size() : 0) + "}");
@@ -403,17 +404,26 @@ RC_GTEST_FIXTURE_PROP(Turnstile, FollowsItsDecisionTables, ())
     const std::vector<Op> sequence = *rc::gen::container<std::vector<Op>>(ops());
     Model model;
     model.fd = catra_fd;
-    const std::regex timestamp("timestamp=[0-9]+");
+    const std::regex timestamp("timestamp=([0-9]+)");
+    const std::string start = std::to_string(time(nullptr));
     for (std::size_t step = 0; step < sequence.size(); ++step) {
         const std::string uuid = "u" + std::to_string(step);
         model.step(sequence[step], uuid);
         logs().clear();
         recorder().clear();
+        const long long before = time(nullptr);
         run(sequence[step], uuid);
+        const long long after = time(nullptr);
 
+        // Every time written is the clock's: an event's "timestamp" is within
+        // its step, the time of a record or an access event within the run.
         Texts seen;
-        for (const std::string& line : recorder().trace())
+        for (const std::string& line : recorder().trace()) {
+            std::smatch found;
+            if (std::regex_search(line, found, timestamp))
+                RC_ASSERT(std::stoll(found[1]) >= before && std::stoll(found[1]) <= after);
             seen.push_back(std::regex_replace(line, timestamp, "timestamp=T"));
+        }
         Texts records;
         for (const auto& [portal, event, user, written] : model.records)
             records.push_back(std::to_string(portal) + " " + std::to_string(event) + " " +
@@ -421,9 +431,13 @@ RC_GTEST_FIXTURE_PROP(Turnstile, FollowsItsDecisionTables, ())
         RC_ASSERT(seen == model.out);
         RC_ASSERT(log_lines() == model.logs);
         RC_ASSERT(column("SELECT portal_id || ' ' || event || ' ' || user_id || ' ' || "
-                         "(time > 100000) FROM access_logs ORDER BY id") == records);
-        RC_ASSERT(column("SELECT module || ' ' || name || ' ' || uuid || ' ' || device_id FROM "
-                         "access_events ORDER BY id") == model.access_events);
+                         "(time >= " +
+                         start + ") FROM access_logs ORDER BY id") == records);
+        RC_ASSERT(
+            column("SELECT module || ' ' || name || ' ' || uuid || ' ' || device_id || ' ' || "
+                   "(timestamp BETWEEN " +
+                   start + " AND " + std::to_string(after) + ") FROM access_events ORDER BY id") ==
+            model.access_events);
         RC_ASSERT((std::array<long long, 4>{
                       database().counter("left_turns"), database().counter("right_turns"),
                       database().counter("entrance_turns"), database().counter("exit_turns")}) ==

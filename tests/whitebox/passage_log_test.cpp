@@ -141,34 +141,5 @@ TEST_F(PassageLog, PortalActionsFollowAntiPassbackAndTheGatewaySide)
     }
 }
 
-// Every time the plug-in writes is the clock's at that moment: the event's
-// "timestamp", its access event, a completed and a given-up record.
-TEST_F(PassageLog, EveryTimeWrittenIsTheClocksNow)
-{
-    config().set("host", "online", 0);
-    const long long before = time(nullptr);
-    send_message_catra_event(CatraEvent::TURN_LEFT);
-    update_last_log(CatraEvent::TURN_LEFT);
-    create_give_up_log(true);
-    const long long after = time(nullptr);
-
-    std::vector<long long> times;
-    for (const RecordedMessage& message : recorder().of_type("catra_event")) {
-        for (const ac::MessageField& field : message.fields) {
-            if (field.key == "timestamp")
-                times.push_back(field.int_value);
-        }
-    }
-    for (const auto& row : database().query("SELECT timestamp FROM access_events"))
-        times.push_back(std::stoll(row[0]));
-    for (const auto& row : records())
-        times.push_back(std::stoll(row[3]));
-    ASSERT_EQ(times.size(), 4u);
-    for (const long long written : times) {
-        EXPECT_GE(written, before);
-        EXPECT_LE(written, after);
-    }
-}
-
 }  // namespace
 }  // namespace catra_test
