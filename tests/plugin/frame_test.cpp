@@ -1,9 +1,11 @@
 // The plug-in frame as the terminal sees it: registration with the host, the
-// start-up commands of the run function, and the queue's watchdog period and
-// keep-alive. (That each type reaches its handler on the queue, the examples'
-// scenarios show.)
+// start-up commands of the run function, the event thread's name, and the
+// queue's watchdog period and keep-alive. (That each type reaches its handler on the queue, the
+// examples' scenarios show.)
 #include <cerrno>
 #include <chrono>
+#include <filesystem>
+#include <fstream>
 #include <optional>
 #include <string>
 #include <thread>
@@ -115,6 +117,16 @@ TEST_P(FrameStartUp, DefaultModeThenExceptionMode)
     expected.push_back("b5");
     EXPECT_TRUE(expect_commands(expected));
     EXPECT_EQ(SyscallFaults::device_writes().size(), expected.size());
+    // The event thread named itself: one thread of the process is "catra_run".
+    EXPECT_TRUE(eventually([] {
+        int named = 0;
+        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+            std::ifstream comm(task.path() / "comm");
+            std::string name;
+            named += std::getline(comm, name) && name == "catra_run";
+        }
+        return named == 1;
+    }));
 }
 
 INSTANTIATE_TEST_SUITE_P(
