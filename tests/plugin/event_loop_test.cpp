@@ -21,11 +21,7 @@ protected:
     void SetUp() override
     {
         TerminalTest::SetUp();
-        std::string error;
-        ASSERT_TRUE(load_plugin(&error)) << error;
-        ASSERT_TRUE(expect_commands(setup_commands()));
-        ASSERT_TRUE(start_plugin());
-        ASSERT_TRUE(expect_commands({"i"}));
+        ASSERT_TRUE(run_plugin());
         writes_seen_ = SyscallFaults::device_writes().size();
     }
 

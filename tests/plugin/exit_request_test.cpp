@@ -23,10 +23,7 @@ protected:
     {
         TerminalTest::SetUp();
         config().set("host", "buttonholes", "20,41,42");
-        ASSERT_TRUE(load_plugin());
-        ASSERT_TRUE(start_plugin());
-        ASSERT_TRUE(expect_commands(setup_commands()));
-        ASSERT_TRUE(expect_commands({"i"}));
+        ASSERT_TRUE(run_plugin());
     }
 
     // Presses (any level but 1) and releases, sent back to back.

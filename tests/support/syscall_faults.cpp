@@ -56,16 +56,14 @@ Fn next_definition(std::atomic<Fn>& cache, const char* name)
 }
 
 std::atomic<OpenFn> next_open{nullptr};
-std::atomic<OpenFn> next_open64{nullptr};
 std::atomic<ReadFn> next_read{nullptr};
 std::atomic<WriteFn> next_write{nullptr};
 std::atomic<CloseFn> next_close{nullptr};
 std::atomic<SelectFn> next_select{nullptr};
 
 struct Fault {
-    int error = 0;
-    int times = 0;
-    int after = 0;  // calls still to pass before the failures begin
+    int error = 0;  // 0: none armed
+    int after = 0;  // calls still to pass before the failure
 };
 
 // Everything below is guarded by the mutex. Never destroyed: calls may still
@@ -79,21 +77,17 @@ struct State {
     bool closed = false;
     int writes_after_close = 0;
     std::vector<std::string> writes;
-    Fault faults[4];
+    Fault faults[3];
 
     // Counts one call of that kind on the device; true, with errno set, when
     // it is to fail.
     bool fails(SyscallFaults::Call call)
     {
         Fault& fault = faults[static_cast<int>(call)];
-        if (fault.times <= 0)
+        if (fault.error == 0 || fault.after-- > 0)
             return false;
-        if (fault.after > 0) {
-            --fault.after;
-            return false;
-        }
-        --fault.times;
         errno = fault.error;
+        fault.error = 0;
         return true;
     }
 };
@@ -102,32 +96,6 @@ State& state()
 {
     static State* const instance = new State;
     return *instance;
-}
-
-int open_through(const char* name, std::atomic<OpenFn>& cache, const char* path, int flags,
-                 va_list arguments)
-{
-    const bool with_mode = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
-    const auto mode = with_mode ? static_cast<mode_t>(va_arg(arguments, int)) : mode_t{0};
-    if (resolving)
-        return static_cast<int>(::syscall(SYS_openat, AT_FDCWD, path, flags, mode));
-    const OpenFn next = next_definition(cache, name);
-    State& s = state();
-    bool watched = false;
-    {
-        std::lock_guard<std::mutex> lock(s.mutex);
-        watched = path != nullptr && !s.path.empty() && s.path == path;
-        if (watched && s.fails(SyscallFaults::Call::open))
-            return -1;
-    }
-    const int fd = next(path, flags, mode);
-    if (watched && fd >= 0) {
-        std::lock_guard<std::mutex> lock(s.mutex);
-        s.device = fd;
-        s.closed_number = -1;
-        s.closed = false;
-    }
-    return fd;
 }
 
 }  // namespace
@@ -153,10 +121,10 @@ void SyscallFaults::watch_path(const std::string& path)
     state().path = path;
 }
 
-void SyscallFaults::fail_next(Call call, int error, int times, int after)
+void SyscallFaults::fail_next(Call call, int error, int after)
 {
     std::lock_guard<std::mutex> lock(state().mutex);
-    state().faults[static_cast<int>(call)] = Fault{error, times, after};
+    state().faults[static_cast<int>(call)] = Fault{error, after};
 }
 
 bool SyscallFaults::wait_device_closed(std::chrono::milliseconds timeout)
@@ -189,19 +157,23 @@ extern "C" {
 
 int open(const char* path, int flags, ...)
 {
-    va_list arguments;
-    va_start(arguments, flags);
-    const int fd = faults::open_through("open", faults::next_open, path, flags, arguments);
-    va_end(arguments);
-    return fd;
-}
-
-int open64(const char* path, int flags, ...)
-{
-    va_list arguments;
-    va_start(arguments, flags);
-    const int fd = faults::open_through("open64", faults::next_open64, path, flags, arguments);
-    va_end(arguments);
+    mode_t mode = 0;
+    if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) {
+        va_list arguments;
+        va_start(arguments, flags);
+        mode = static_cast<mode_t>(va_arg(arguments, int));
+        va_end(arguments);
+    }
+    if (faults::resolving)
+        return static_cast<int>(::syscall(SYS_openat, AT_FDCWD, path, flags, mode));
+    const int fd = faults::next_definition(faults::next_open, "open")(path, flags, mode);
+    faults::State& s = faults::state();
+    std::lock_guard<std::mutex> lock(s.mutex);
+    if (fd >= 0 && !s.path.empty() && s.path == path) {
+        s.device = fd;
+        s.closed_number = -1;
+        s.closed = false;
+    }
     return fd;
 }
 

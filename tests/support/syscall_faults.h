@@ -1,8 +1,8 @@
 // Deterministic faults on the controller device's system calls, and a record
 // of what the code under test did with the device.
 //
-// The test executable itself defines open, open64, read, write, select and
-// close (see syscall_faults.cpp); a plug-in loaded into it resolves those
+// The test executable itself defines open, read, write, select and close
+// (see syscall_faults.cpp); a plug-in loaded into it resolves those
 // names to these definitions first. Every call is passed on to the real
 // function unless a fault is armed for it. "The device" is the descriptor that
 // open() returned for the watched path.
@@ -16,7 +16,7 @@ namespace catra_test {
 
 class SyscallFaults {
 public:
-    enum class Call { open, read, write, select };
+    enum class Call { read, write, select };
 
     // Forgets the watched path, the device, armed faults and the records.
     static void reset();
@@ -25,13 +25,13 @@ public:
     // the device (a later open of the same path replaces it).
     static void watch_path(const std::string& path);
 
-    // The next `times` calls of that kind on the device fail with errno `error`
-    // without reaching the system: open of the watched path; read and write of
-    // the device descriptor; select whose read set holds the device. Arming a
-    // kind again replaces what was left of its earlier arming. With `after`,
-    // that many calls of the kind on the device pass first (for example the
-    // third write of a sequence fails with after = 2).
-    static void fail_next(Call call, int error, int times = 1, int after = 0);
+    // The next call of that kind on the device fails with errno `error`
+    // without reaching the system: read and write of the device descriptor;
+    // select whose read set holds the device. Arming a kind again replaces an
+    // earlier arming. With `after`, that many calls of the kind on the device
+    // pass first (for example the third write of a sequence fails with after
+    // = 2).
+    static void fail_next(Call call, int error, int after = 0);
 
     static bool wait_device_closed(std::chrono::milliseconds timeout);
 

@@ -146,6 +146,14 @@ bool TerminalTest::start_plugin()
     return loaded().host != nullptr && loaded().host->start();
 }
 
+bool TerminalTest::run_plugin()
+{
+    std::string error;
+    const bool loaded = load_plugin(&error);
+    EXPECT_TRUE(loaded) << error;
+    return loaded && start_plugin() && expect_commands(setup_commands()) && expect_commands({"i"});
+}
+
 standin::PluginHost& TerminalTest::plugin_host()
 {
     if (loaded().host == nullptr)

@@ -133,6 +133,9 @@ protected:
     // Starts the registered run function on the host's run thread; false when
     // the plug-in registered none (or was not loaded).
     bool start_plugin();
+    // load_plugin and start_plugin, and the set-up's commands and the blocked
+    // default's "i" read from the controller line; false when any of it failed.
+    bool run_plugin();
     // The loaded plug-in's host object (load_plugin first).
     standin::PluginHost& plugin_host();
 

@@ -149,10 +149,6 @@ TEST_F(ConfigChange, AntiPassbackSettingsAreReadBackFromTheStore)
     }
 }
 
-// Every configuration read, with the key missing from the store: the reads
-// that must find their key raise the host's error, the others go on with
-// what the store gives. Start-up reads of the device's settings come back as
-// init's failure text, before anything is opened.
 // The controller's set-up on a descriptor of its own, closed afterwards; a
 // failure is raised with init's text (and a note when the device had been
 // opened by then).
@@ -202,7 +198,7 @@ TEST_F(ConfigChange, ASetUpWriteFailureStopsThereWithItsText)
     };
     for (const auto& row : table) {
         SCOPED_TRACE(row.reported);
-        SyscallFaults::fail_next(SyscallFaults::Call::write, row.error, 1, row.passing);
+        SyscallFaults::fail_next(SyscallFaults::Call::write, row.error, row.passing);
         catra_enabled = false;
         const std::size_t before = SyscallFaults::device_writes().size();
         StderrCapture capture;
@@ -216,6 +212,10 @@ TEST_F(ConfigChange, ASetUpWriteFailureStopsThereWithItsText)
     }
 }
 
+// Every configuration read, with the key missing from the store: the reads
+// that must find their key raise the host's error, the others go on with
+// what the store gives. Start-up reads of the device's settings come back as
+// init's failure text, before anything is opened.
 TEST_F(ConfigChange, EachReadOfAMissingKeyRaisesOnlyWhereTheKeyIsRequired)
 {
     const auto clockwise = [] { do_execute_command("clockwise"); };
