@@ -11,8 +11,8 @@
 //     plug-in's queue stays short;
 //   - the controller side reads every command the plug-in writes.
 // Then, once the event thread has read every letter: each turn letter gave
-// exactly one access event, and counted or refused turns add up to the turn
-// letters of each side; the bus and the queues are idle;
+// exactly one "catra_event" and one access event, and counted or refused turns
+// add up to the turn letters of each side; the bus and the queues are idle;
 // the plug-in still runs and still reads the controller.
 //
 // Disabling the turnstile does not stop the event thread reading letters, so
@@ -26,6 +26,7 @@
 #include <random>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "terminal_test.h"
@@ -62,6 +63,7 @@ protected:
     void TearDown() override
     {
         standin::Logs::instance().unsubscribe(log_subscription_);
+        bus().unsubscribe(bus_subscription_);
         TerminalTest::TearDown();
     }
 
@@ -75,6 +77,12 @@ protected:
                 for (int side = 0; side < 2; ++side)
                     refused_[side] += line.text == kRefusals[side];
             });
+        bus_subscription_ = bus().subscribe([this](const ac::Message& msg, bool) {
+            int event = -1;
+            if (msg.type() == "catra_event" && msg.get_int("event", &event) &&
+                (event == 7 || event == 8))
+                ++published_[event - 7];
+        });
     }
 
     // The controller: letters back to back, at most kLetterWindow ahead.
@@ -103,63 +111,58 @@ protected:
         stop_ = true;
     }
 
-    // Another module of the terminal.
+    // Another module of the terminal: messages picked at random from a list
+    // in which releases, exit-request presses (GPIOs 40 to 42), GPIO levels
+    // and enabling come most often.
     void send_messages(unsigned seed)
     {
+        using Message = std::pair<const char*, Fields>;
+        const auto change = [](const char* module, const char* param, const char* value) {
+            return Message{"config_param_set",
+                           {{"module", module}, {"param", param}, {"value", value}}};
+        };
+        const std::vector<Message> traffic = {
+            {"liberate_catra", {{"catra_direction", "clockwise"}, {"uuid", "r"}}},
+            {"liberate_catra", {{"catra_direction", "anticlockwise"}, {"catra_reason", 2}}},
+            {"liberate_catra", {{"catra_direction", "both"}, {"uuid", "b"}, {"catra_reason", 3}}},
+            {"liberate_catra", {{"catra_direction", "clockwise"}, {"catra_reason", 4}}},
+            {"liberate_catra", {{"catra_direction", "anticlockwise"}, {"uuid", "l"}}},
+            {"liberate_catra", {{"catra_direction", "always"}}},
+            {"liberate_catra", {{"catra_direction", "idle"}}},
+            {"liberate_catra", {{"catra_direction", "sideways"}}},
+            {"gpio_notified", {{"gpio", 40}, {"value", 0}}},
+            {"gpio_notified", {{"gpio", 41}, {"value", 0}}},
+            {"gpio_notified", {{"gpio", 42}, {"value", 0}}},
+            {"gpio_notified", {{"gpio", 41}, {"value", 1}}},
+            {"gpio_notified", {{"gpio", kFi1Gpio}, {"value", 1}}},
+            {"gpio_notified", {{"gpio", kFi2Gpio}, {"value", 0}}},
+            {"gpio_notified", {{"gpio", kSol2Gpio}, {"value", 1}}},
+            {"gpio_notified", {{"gpio", kCollectorGpio}, {"value", 0}}},
+            {"catra_set_catra_enabled", {{"enabled", 0}}},
+            {"catra_set_catra_enabled", {{"enabled", 1}}},
+            {"catra_set_catra_enabled", {{"enabled", 1}}},
+            change("catra", "operation_mode", "entrance_open"),
+            change("catra", "operation_mode", "both_open"),
+            change("catra", "operation_mode", "blocked"),
+            change("catra", "gateway", "clockwise"),
+            change("", "exception_mode", "1"),
+            change("", "exception_mode", "0"),
+            change("catra", "anti_passback", "1"),
+            change("catra", "daily_reset", "0"),
+            {"catra_open_collector", {}},
+            {"catra_set_solenoid", {{"id", 1}, {"value", 1}}},
+            {"catra_set_solenoid", {{"id", 3}, {"value", 0}}},
+            {"catra_photo_sensor", {{"id", 1}}},
+            {"catra_solenoid", {{"id", -1}}},
+        };
         std::mt19937 random(seed);
-        const auto number = [&random](int low, int high) {
-            return std::uniform_int_distribution<int>(low, high)(random);
-        };
-        const auto one_of = [&number](const std::vector<const char*>& texts) {
-            const int last = static_cast<int>(texts.size()) - 1;
-            return std::string(texts[static_cast<std::size_t>(number(0, last))]);
-        };
-        const auto change = [this](const std::string& module, const std::string& param,
-                                   const std::string& value) {
-            config().set(module, param, value);
-            send("config_param_set", {{"module", module}, {"param", param}, {"value", value}});
-        };
-        const int gpios[] = {kFi1Gpio, kFi2Gpio, kSol1Gpio, kSol2Gpio, kCollectorGpio};
+        std::uniform_int_distribution<std::size_t> pick(0, traffic.size() - 1);
         for (long sent = 1; !stop_; ++sent) {
-            const int action = number(0, 99);
-            if (action < 30) {
-                Fields fields{
-                    {"catra_direction", one_of({"clockwise", "anticlockwise", "both", "clockwise",
-                                                "anticlockwise", "always", "idle", "sideways"})},
-                    {"catra_reason", number(0, 4)}};
-                if (number(0, 3) != 0)
-                    fields.emplace_back("uuid", "soak-" + std::to_string(sent));
-                send("liberate_catra", fields);
-            } else if (action < 48) {
-                // Exit-request buttons 1 to 3 pressed (0), sometimes two
-                // together, sometimes released (1, ignored).
-                send("gpio_notified", {{"gpio", number(40, 42)}, {"value", number(0, 3) ? 0 : 1}});
-                if (number(0, 2) == 0)
-                    send("gpio_notified", {{"gpio", number(40, 41)}, {"value", 0}});
-            } else if (action < 58) {
-                send("gpio_notified", {{"gpio", gpios[number(0, 4)]}, {"value", number(0, 1)}});
-            } else if (action < 68) {
-                send("catra_set_catra_enabled", {{"enabled", number(0, 2) ? 1 : 0}});
-            } else if (action < 73) {
-                change("catra", "operation_mode",
-                       one_of({"blocked", "entrance_open", "exit_open", "both_open", "blocked"}));
-            } else if (action < 77) {
-                change("catra", "gateway", one_of({"clockwise", "anticlockwise"}));
-            } else if (action < 80) {
-                change("", "exception_mode", one_of({"0", "1", "2", "0"}));
-            } else if (action < 83) {
-                change("catra", one_of({"anti_passback", "daily_reset"}), one_of({"0", "1"}));
-            } else if (action < 88) {
-                send("catra_open_collector");
-            } else if (action < 93) {
-                send("catra_set_solenoid", {{"id", number(0, 3)}, {"value", number(0, 1)}});
-            } else {
-                send(one_of({"catra_photo_sensor", "catra_solenoid"}), {{"id", number(-1, 3)}});
-            }
+            const Message& message = traffic[pick(random)];
+            send(message.first, message.second);
             // Answered only once the queue has handled everything sent before
             // it: this keeps the queue short.
-            if (sent % kMessagesPerQuery == 0 &&
-                !request(one_of({"catra_state", "catra_catra_enabled"})).replied) {
+            if (sent % kMessagesPerQuery == 0 && !request("catra_state").replied) {
                 module_problem_ = "a query was not answered";
                 stop_ = true;
             }
@@ -172,9 +175,10 @@ protected:
     // Written by the traffic threads, read once they have ended.
     std::string controller_problem_, module_problem_;
     std::atomic<long> letters_read_{0}, buzzes_{0}, written_{0}, commands_read_{0};
-    std::atomic<long> refused_[2] = {{0}, {0}};
+    std::atomic<long> refused_[2] = {{0}, {0}}, published_[2] = {{0}, {0}};
     long turn_letters_[2] = {0, 0};  // written by the controller thread
     int log_subscription_ = 0;
+    int bus_subscription_ = 0;
 };
 
 TEST_F(Soak, EventThreadQueueAndExitRequestWorkersAtOnce)
@@ -227,8 +231,9 @@ TEST_F(Soak, EventThreadQueueAndExitRequestWorkersAtOnce)
     const char* const names[2] = {"TURN LEFT", "TURN RIGHT"};
     for (int side = 0; side < 2; ++side) {
         SCOPED_TRACE(names[side]);
-        // One access event per turn letter (stored before its "catra_event"
-        // is sent); every turn counted or refused, on its own side.
+        // One "catra_event" and one access event per turn letter; every turn
+        // counted or refused, on its own side.
+        EXPECT_EQ(published_[side], turn_letters_[side]);
         EXPECT_EQ(database().query("SELECT COUNT(*) FROM access_events WHERE name = '" +
                                    std::string(names[side]) + "'"),
                   (standin::Rows{{std::to_string(turn_letters_[side])}}));

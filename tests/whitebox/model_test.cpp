@@ -31,21 +31,23 @@
 namespace catra_test {
 
 struct Op {
-    enum Kind { letter, release, mode, gateway, enable } kind = letter;
-    char code = 'a';   // letter: the byte the controller reports
-    long advance = 0;  // letter: ms since the previous step
-    std::string text;  // release: the direction; mode: the operation mode; gateway
-    int number = 0;    // release: the reason; enable: the "enabled" field
+    enum Kind { letter, release, mode, gateway, enable, verbose } kind = letter;
+    char code = 'a';    // letter: the byte the controller reports
+    long advance = 0;   // letter: ms since the previous step
+    std::string text;   // release: the direction; mode: the operation mode; gateway
+    int number = 0;     // release: the reason; enable: "enabled"; verbose: the setting
+    bool bare = false;  // release: without "uuid" and "catra_reason"
 };
 
 void showValue(const Op& op, std::ostream& out)
 {
-    const char* const kinds[] = {"letter", "release", "operation_mode", "gateway", "enabled"};
+    const char* const kinds[] = {"letter",  "release", "operation_mode",
+                                 "gateway", "enabled", "verbose_logging"};
     out << kinds[op.kind] << ' ';
     if (op.kind == Op::letter)
         out << op.code << " after " << op.advance << " ms";
     else
-        out << '"' << op.text << "\" " << op.number;
+        out << '"' << op.text << "\" " << op.number << (op.bare ? " bare" : "");
 }
 
 namespace {
@@ -122,8 +124,11 @@ const struct {
     {"0", "1", {"both", "anticlockwise", "both"}},       {"0", "2", {"clockwise", "both", "both"}},
     {"0", "03", {"clockwise", "anticlockwise", "both"}},
 };
-// The reasons whose release writes an exit-request record, by their text.
+// The reasons whose release writes an exit-request record (when verbose
+// logging is on), by their text; and the portal of each direction's record,
+// through its action (3, 2 and 4: portals 1, 2 and 3 in the fixture).
 const char* const kRecordedReasons[] = {"UNKNOWN", nullptr, "REX", "WEB"};
+const int kRecordPortals[] = {1, 2, 3};  // by kDirections
 
 const std::pair<const char*, const char*> kCommandTexts[] = {
     {"clockwise", "r5"},       {"anticlockwise", "l5"},       {"both", "b5"}, {"always", "ab"},
@@ -166,6 +171,7 @@ struct Model {
     int fallback = 0;  // the default state
     bool enabled = true;
     bool clockwise = false;  // "gateway" is "clockwise"
+    bool verbose = true;     // "verbose_logging"
     std::string uuid;
     long now = 0;
     long last_event = 0;
@@ -265,13 +271,20 @@ struct Model {
         back_to_default();
     }
 
-    void release(const std::string& direction, int reason, const std::string& new_uuid)
+    void release(const Op& op, const std::string& new_uuid)
     {
         if (!enabled)
             return;
-        uuid = new_uuid;
+        const std::string& direction = op.text;
+        const int reason = op.bare ? 0 : op.number;
+        if (!op.bare)
+            uuid = new_uuid;
         log("liberate_catra_callback", "UUID: " + uuid);
         const auto named = std::find(std::begin(kDirections), std::end(kDirections), direction);
+        const auto known = std::find_if(std::begin(kCommandTexts), std::end(kCommandTexts),
+                                        [&](auto& row) { return direction == row.first; });
+        if (known == std::end(kCommandTexts))
+            return log("liberate_catra_callback", "unknown catra allow: " + direction);
         if (named == std::end(kDirections))
             return command(direction);
         const auto row = std::find_if(std::begin(kReleases), std::end(kReleases), [&](auto& row) {
@@ -280,10 +293,10 @@ struct Model {
         const char* chosen = row->commands[named - std::begin(kDirections)];
         if (chosen == nullptr)
             return;
-        if (reason >= 0 && reason <= 3 && kRecordedReasons[reason] != nullptr) {
+        if (verbose && reason >= 0 && reason <= 3 && kRecordedReasons[reason] != nullptr) {
             log("log_catra_liberated",
                 "Allow " + direction + "! Reason: " + kRecordedReasons[reason]);
-            records.push_back({1, 12, 0, 1});
+            records.push_back({kRecordPortals[named - std::begin(kDirections)], 12, 0, 1});
         }
         if (kPending[fallback][current]) {
             give_up(records[records.size() - 2]);
@@ -316,10 +329,11 @@ struct Model {
         logs.clear();
         switch (op.kind) {
             case Op::letter: letter(op.code - 'a', op.advance); break;
-            case Op::release: release(op.text, op.number, new_uuid); break;
+            case Op::release: release(op, new_uuid); break;
             case Op::mode: operation_mode(op.text); break;
             case Op::gateway: clockwise = op.text == "clockwise"; break;
             case Op::enable: enable(op.number != 0); break;
+            case Op::verbose: verbose = op.number != 0; break;
         }
     }
 };
@@ -334,23 +348,30 @@ rc::Gen<Op> ops()
                       set(&Op::advance, element(0L, 60L, 99L, 100L, 499L, 500L, 2000L)))},
         {4, build<Op>(kind(Op::release),
                       texts("clockwise", "anticlockwise", "both", "always", "alwaysclockwise",
-                            "alwaysanticlockwise", "idle"),
-                      set(&Op::number, element(0, 1, 2, 3, 7)))},
+                            "alwaysanticlockwise", "idle", "Clockwise", ""),
+                      set(&Op::number, element(0, 1, 2, 3, 7, -1)),
+                      set(&Op::bare, element(false, false, false, true)))},
         {1, build<Op>(kind(Op::mode),
                       texts("entrance_open", "exit_open", "both_open", "Entrance_open", ""))},
         {1, build<Op>(kind(Op::gateway), texts("clockwise", "anticlockwise", "Clockwise"))},
         {1, build<Op>(kind(Op::enable), set(&Op::number, element(0, 1, 7, -1)))},
+        {1, build<Op>(kind(Op::verbose), set(&Op::number, element(0, 1)))},
     });
 }
 
 // The plug-in's state as the set-up leaves it: enabled and blocked, with the
-// default configuration's GPIOs.
+// default configuration's GPIOs; the release actions 2, 3 and 4 lead to
+// portals 2, 1 and 3, so that a record's portal tells its action.
 class Turnstile : public ControllerLineTest {
 protected:
     void SetUp() override
     {
         ControllerLineTest::SetUp();
         logs().set_echo(false);
+        database().add_portal(3, kDeviceId, "portal 3");
+        database().exec(
+            "DELETE FROM action_portals;"
+            "INSERT INTO action_portals(action_id, portal_id) VALUES (2, 2), (3, 1), (4, 3);");
     }
     void TearDown() override
     {
@@ -368,12 +389,15 @@ protected:
                 break;
             }
             case Op::release:
-                handle(liberate_catra_callback,
-                       {{"catra_direction", op.text}, {"uuid", uuid}, {"catra_reason", op.number}});
+                handle(liberate_catra_callback, op.bare ? Fields{{"catra_direction", op.text}}
+                                                        : Fields{{"catra_direction", op.text},
+                                                                 {"uuid", uuid},
+                                                                 {"catra_reason", op.number}});
                 break;
             case Op::mode: catra_config_set_callback("catra", "operation_mode", op.text); break;
             case Op::gateway: config().set("catra", "gateway", op.text); break;
             case Op::enable: handle(catra_set_enabled_callback, {{"enabled", op.number}}); break;
+            case Op::verbose: config().set("identifier", "verbose_logging", op.number); break;
         }
     }
 
