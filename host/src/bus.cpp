@@ -46,14 +46,6 @@ void Bus::add_service(const std::string& type, Service service)
     impl_->add_receiver(type, nullptr, std::move(service));
 }
 
-void Bus::remove_service(const std::string& type)
-{
-    std::lock_guard<std::mutex> lock(impl_->receivers_mutex);
-    auto it = impl_->receivers.find(type);
-    if (it != impl_->receivers.end() && it->second.owner == nullptr)
-        impl_->receivers.erase(it);
-}
-
 // Call from a test's thread: the delivery thread or a queue handler waiting
 // here would wait for itself.
 bool Bus::wait_idle(std::chrono::milliseconds timeout)

@@ -52,12 +52,6 @@ void Config::clear()
     values_.clear();
 }
 
-std::map<std::pair<std::string, std::string>, std::string> Config::snapshot() const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return values_;
-}
-
 }  // namespace standin
 
 namespace {

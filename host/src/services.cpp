@@ -1,5 +1,6 @@
 // Host services that answer the plug-in: the online client and GPIO.
 #include <algorithm>
+#include <vector>
 
 #include "ac/config.h"
 #include "host_internal.h"
@@ -27,81 +28,36 @@ void answer_operation_mode(ac::Message& msg)
     reply->set_replied();
 }
 
-// Reads the named int fields; logs and returns false when one is missing.
-bool read_ints(const ac::Message& msg, std::initializer_list<std::pair<const char*, int*>> fields)
+// Logs a message that lacks one of the named int fields.
+void check_ints(const ac::Message& msg, const std::vector<const char*>& keys)
 {
-    const auto missing = std::find_if(fields.begin(), fields.end(), [&msg](const auto& field) {
-        return !msg.get_int(field.first, field.second);
-    });
-    if (missing != fields.end()) {
-        log_host(msg.type() + " without \"" + missing->first + "\"; ignored");
-        return false;
-    }
-    return true;
+    int value = 0;
+    const auto missing = std::find_if(keys.begin(), keys.end(),
+                                      [&](const char* key) { return !msg.get_int(key, &value); });
+    if (missing != keys.end())
+        log_host(msg.type() + " without \"" + *missing + "\"; ignored");
 }
 
 }  // namespace
 
-GpioService& GpioService::instance()
-{
-    static GpioService* service = new GpioService();
-    return *service;
-}
-
-void GpioService::install()
-{
-    Bus& bus = Bus::instance();
-    bus.add_service("gpio_update", [this](ac::Message& msg) {
-        msg.set_handled();
-        int gpio = 0;
-        int enabled = 0;
-        if (!read_ints(msg, {{"gpio", &gpio}, {"enabled", &enabled}}))
-            return;
-        std::lock_guard<std::mutex> lock(mutex_);
-        pins_[gpio].enabled = enabled;
-    });
-    bus.add_service("gpio_set_value", [this](ac::Message& msg) {
-        msg.set_handled();
-        int gpio = 0;
-        int value = 0;
-        if (!read_ints(msg, {{"gpio", &gpio}, {"value", &value}}))
-            return;
-        std::lock_guard<std::mutex> lock(mutex_);
-        pins_[gpio].value = value;
-    });
-    bus.add_service("gpio_activate", [this](ac::Message& msg) {
-        msg.set_handled();
-        int gpio = 0;
-        int timeout = 0;
-        if (!read_ints(msg, {{"gpio", &gpio}, {"timeout", &timeout}}))
-            return;
-        std::lock_guard<std::mutex> lock(mutex_);
-        GpioPin& pin = pins_[gpio];
-        pin.active = true;
-        pin.timeout = timeout;
-    });
-    bus.add_service("gpio_deactivate", [this](ac::Message& msg) {
-        msg.set_handled();
-        int gpio = 0;
-        if (!read_ints(msg, {{"gpio", &gpio}}))
-            return;
-        std::lock_guard<std::mutex> lock(mutex_);
-        pins_[gpio].active = false;
-    });
-}
-
-GpioPin GpioService::pin(int gpio) const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    auto it = pins_.find(gpio);
-    return it == pins_.end() ? GpioPin{} : it->second;
-}
-
 // Installing again replaces the services with fresh ones of the same kind.
 void install_services()
 {
-    Bus::instance().add_service("online_client_get_operation_mode", answer_operation_mode);
-    GpioService::instance().install();
+    Bus& bus = Bus::instance();
+    bus.add_service("online_client_get_operation_mode", answer_operation_mode);
+    // The GPIO service takes the plug-in's GPIO messages; the stand-in
+    // terminal has no pins to drive, so each is only read.
+    const std::pair<const char*, std::vector<const char*>> gpio_messages[] = {
+        {"gpio_update", {"gpio", "enabled"}},
+        {"gpio_set_value", {"gpio", "value"}},
+        {"gpio_activate", {"gpio", "timeout"}},
+        {"gpio_deactivate", {"gpio"}}};
+    for (const auto& [type, keys] : gpio_messages) {
+        bus.add_service(type, [keys = keys](ac::Message& msg) {
+            msg.set_handled();
+            check_ints(msg, keys);
+        });
+    }
 }
 
 }  // namespace standin

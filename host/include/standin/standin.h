@@ -39,7 +39,6 @@ public:
     // fields to msg.reply() and mark it replied; it must never send
     // synchronously from inside the answer.
     void add_service(const std::string& type, Service service);
-    void remove_service(const std::string& type);
 
     // Returns once the delivery thread and every plug-in queue are empty and
     // no handler runs; false on time-out.
@@ -78,7 +77,6 @@ public:
     void erase(const std::string& module, const std::string& key);
     bool get(const std::string& module, const std::string& key, std::string* value) const;
     void clear();
-    std::map<std::pair<std::string, std::string>, std::string> snapshot() const;
 
 private:
     Config() = default;
@@ -178,29 +176,10 @@ private:
 };
 
 // ---------------------------------------------------------------- GPIO service and online client
-// The host's GPIO service: accepts "gpio_update", "gpio_set_value",
-// "gpio_activate" and "gpio_deactivate" and keeps the last state of each pin.
-struct GpioPin {
-    int value = 0;
-    bool active = false;
-    int timeout = 0;
-    int enabled = -1;  // last "gpio_update" flag, -1 before any
-};
-
-class GpioService {
-public:
-    static GpioService& instance();
-    void install();  // registers the four services on the bus
-    GpioPin pin(int gpio) const;
-
-private:
-    GpioService() = default;
-    mutable std::mutex mutex_;
-    std::map<int, GpioPin> pins_;
-};
-
 // Installs the online client ("online_client_get_operation_mode") and the GPIO
-// service on the bus. Idempotent.
+// service ("gpio_update", "gpio_set_value", "gpio_activate", "gpio_deactivate",
+// each marked handled; one without its int fields is logged) on the bus.
+// Idempotent.
 void install_services();
 
 // ---------------------------------------------------------------- plug-in loading
