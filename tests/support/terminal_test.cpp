@@ -198,18 +198,6 @@ bool TerminalTest::wait_idle(std::chrono::milliseconds timeout)
     return bus().wait_idle(timeout);
 }
 
-std::optional<std::string> TestPty::read_bytes(std::size_t n, std::chrono::milliseconds timeout)
-{
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (pending().size() < n) {
-        if (!receive_more(deadline))
-            return std::nullopt;
-    }
-    std::string bytes = pending().substr(0, n);
-    pending().erase(0, n);
-    return bytes;
-}
-
 std::string TestPty::drain()
 {
     while (receive_more(std::chrono::steady_clock::now())) {

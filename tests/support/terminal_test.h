@@ -82,13 +82,10 @@ struct Reply {
     std::string text() const;  // reply{key=1,...}
 };
 
-// The controller line with what only the tests read of it: exact bytes, and
-// whatever came in so far.
+// The controller line with what only the tests read of it: whatever came in
+// so far.
 class TestPty : public simulator::ControllerPty {
 public:
-    // Exactly n bytes as written by the other side, NULs included, or nothing
-    // when fewer arrived within the time-out (what did arrive stays buffered).
-    std::optional<std::string> read_bytes(std::size_t n, std::chrono::milliseconds timeout);
     // Everything received so far and not yet read, without waiting.
     std::string drain();
 };

@@ -1,6 +1,6 @@
-// The controller commands: their exact bytes, the relay pulses of the timed
-// releases, the disable write, the return to the default mode, and the
-// refusal of writes once the device is closed.
+// The controller commands: the release time in the release texts, the relay
+// pulses of the timed releases, names outside the table, a failed write, and
+// an event thread without a device to watch.
 #include <fcntl.h>
 #include <sys/select.h>
 #include <unistd.h>
@@ -30,32 +30,20 @@ protected:
     std::lock_guard<std::mutex> lock_{state_mutex};
 };
 
-TEST_F(Controller, EachCommandIsOneWriteOfItsTextAndNul)
+// Each command is one write of its text and NUL (the turnstile's model shows
+// them all); the release time goes in as "%d", sign and all.
+TEST_F(Controller, ReleaseTextsCarryTheReleaseTimeInDecimal)
 {
     const struct {
         const char* name;
         int release_time;
         std::string bytes;
-    } table[] = {{"idle", 5, "\x69\x00"s},
-                 {"always", 5, "\x61\x62\x00"s},
-                 {"clockwise", 0, "r0\0"s},
-                 {"anticlockwise", 0, "l0\0"s},
-                 {"both", 0, "b0\0"s},
-                 {"clockwise", -1, "r-1\0"s},
-                 {"anticlockwise", -1, "l-1\0"s},
-                 {"both", -1, "b-1\0"s},
+    } table[] = {{"clockwise", 0, "r0\0"s}, {"anticlockwise", -1, "l-1\0"s},
                  {"both", INT_MIN, "b-2147483648\0"s}};
     for (const auto& row : table) {
-        SCOPED_TRACE(row.name + " with catra_timeout "s + std::to_string(row.release_time));
         config().set("", "catra_timeout", row.release_time);
-        logs().clear();
-        recorder().clear();
         do_execute_command(row.name);
-        EXPECT_EQ(recorder().trace(), Texts{"write " + std::string(row.bytes.c_str()) + "\\0"});
-        EXPECT_EQ(pty().read_bytes(row.bytes.size(), kWait), row.bytes);
-        const std::string text = row.bytes.substr(0, row.bytes.size() - 1);
-        EXPECT_EQ(log_texts(standin::LogLine::Kind::debug),
-                  Texts{"CATRA command: " + text + " no fd: " + std::to_string(catra_fd)});
+        EXPECT_EQ(SyscallFaults::device_writes().back(), row.bytes) << row.name;
     }
 }
 
