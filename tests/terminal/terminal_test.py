@@ -1,6 +1,7 @@
 """catra-terminal end to end where a scenario cannot show it: what it reports
 on standard error, its exit status, the --check report and its JUnit file, a
-recorded session replayed, the readable lines on a terminal, a database file."""
+recorded session replayed, the readable lines on a terminal and a database
+file."""
 import contextlib
 import json
 import os
@@ -136,9 +137,11 @@ class Terminal(unittest.TestCase):
         self.assertEqual(check.returncode, 0, check.stdout)
         self.assertRegex(check.stdout, rf"PASS  {recorded}  {len(lines) - 5}/{len(lines) - 5} expectations")
 
-    def test_readable_lines_on_a_terminal(self):
+    def test_readable_lines_on_a_terminal_and_the_records_in_a_file(self):
         screen, terminal = pty.openpty()
-        process = subprocess.Popen([TERMINAL, "--plugin", PLUGIN, "--config", CONFIG, "--script", ROAD],
+        database = os.path.join(self.folder, "records.db")
+        process = subprocess.Popen([TERMINAL, "--plugin", PLUGIN, "--config", CONFIG, "--script", ROAD,
+                                    "--db", database],
                                    stdout=terminal, stderr=subprocess.DEVNULL, stdin=subprocess.DEVNULL)
         os.close(terminal)
         chunks = []
@@ -155,11 +158,6 @@ class Terminal(unittest.TestCase):
                          "\nreply      catra_state state=0 default_state=0\n", "\ndump       counters: 4 rows\n"]:
             self.assertIn(expected, shown)
         self.assertNotIn("{", shown)
-
-    def test_a_database_file_keeps_the_records(self):
-        database = os.path.join(self.folder, "records.db")
-        result = run("--config", CONFIG, "--db", database, "--script", ROAD)
-        self.assertEqual(result.returncode, 0, result.stderr)
         with sqlite3.connect(database) as db:
             rows = lambda sql: [tuple(row) for row in db.execute(sql)]
             self.assertEqual(rows("SELECT module, name, uuid, device_id FROM access_events"),
@@ -168,7 +166,6 @@ class Terminal(unittest.TestCase):
                              [("entrance_turns", 1), ("right_turns", 1)])
             self.assertEqual(rows("SELECT portal_id, position, action_id FROM portal_actions ORDER BY portal_id"),
                              [(1, 0, 4), (2, 0, 4)])
-
 
 if __name__ == "__main__":
     unittest.main(argv=[sys.argv[0], *sys.argv[4:]])

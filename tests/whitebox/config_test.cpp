@@ -284,9 +284,13 @@ TEST_F(ConfigChange, EachReadOfAMissingKeyRaisesOnlyWhereTheKeyIsRequired)
     }
 
     // With every key in place: the wait's time-out in seconds and
-    // microseconds, and the GPIO numbers in their lists.
+    // microseconds, and the GPIO numbers in the lists, empty at load.
     set_default_configuration();
     config().set("catra", "select_timeout", 1500);
+    photo_sensor_gpios.clear();
+    photo_sensor_values.clear();
+    solenoid_gpios.clear();
+    solenoid_values.clear();
     EXPECT_EQ(thrown_text(set_up), "");
     EXPECT_EQ(select_timeval.tv_sec, 1);
     EXPECT_EQ(select_timeval.tv_usec, 500000);
