@@ -1,14 +1,11 @@
 // The plug-in frame as the terminal sees it: registration with the host, the
 // start-up commands of the run function, the event thread's name, and the
-// queue's watchdog period and keep-alive. (That each type reaches its handler on the queue, the
-// examples' scenarios show.)
+// queue's watchdog period and keep-alive. (That each type reaches its handler
+// on the queue, the examples' scenarios show.)
 #include <cerrno>
-#include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "terminal_test.h"

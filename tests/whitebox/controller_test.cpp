@@ -39,7 +39,8 @@ TEST_F(Controller, ReleaseTextsCarryTheReleaseTimeInDecimal)
         const char* name;
         int release_time;
         std::string bytes;
-    } table[] = {{"clockwise", 0, "r0\0"s}, {"anticlockwise", -1, "l-1\0"s},
+    } table[] = {{"clockwise", 0, "r0\0"s},
+                 {"anticlockwise", -1, "l-1\0"s},
                  {"both", INT_MIN, "b-2147483648\0"s}};
     for (const auto& row : table) {
         config().set("", "catra_timeout", row.release_time);

@@ -1,18 +1,12 @@
 // GPIO signals and status messages: sensor and solenoid levels, solenoid and
 // open-collector outputs, the dispatch of GPIO notifications, the queries of
-// the flag and the states, and enabling and disabling the turnstile.
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <gmock/gmock.h>
+// the flag and the states, and a change of the flag that the controller
+// refuses.
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <chrono>
 #include <mutex>
-#include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "catra_internal.h"

@@ -2,7 +2,6 @@
 // question to the online client, and the access actions of the two portals.
 #include <gtest/gtest.h>
 
-#include <ctime>
 #include <functional>
 #include <mutex>
 #include <string>
