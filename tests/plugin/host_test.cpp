@@ -24,9 +24,10 @@ TEST(HostClock, MillisecondsAreTruncated)
         timespec time;
         int ms;
     } rows[] = {
-        {{0, 999'999}, 0},          {{0, 100'999'999}, 100}, {{1, 999'999'999}, 1999},
-        {{-1, 999'500'000}, 0},     {{-2, 0}, -2000},        {{3'000'000, 0}, INT_MAX},
-        {{0, 2'000'000'000}, 2000},
+        {{0, 999'999}, 0},          {{0, 100'999'999}, 100},
+        {{1, 999'999'999}, 1999},   {{-1, 999'500'000}, 0},
+        {{-2, 0}, -2000},           {{3'000'000, 0}, INT_MAX},
+        {{0, 2'000'000'000}, 2000}, {{2'147'483, 646'999'999}, 2'147'483'646},
     };
     for (const auto& row : rows) {
         EXPECT_EQ(ac::util::timespec_to_ms(row.time), row.ms)
@@ -60,28 +61,41 @@ void throwing_handler(ac::Message*)
     throw std::runtime_error("no such thing");
 }
 
+void odd_handler(ac::Message*)
+{
+    throw 5;
+}
+
+void keep_alive() {}
+
 void counting_handler(ac::Message*)
 {
     ++handled;
 }
 
-// A handler that throws is logged; the queue goes on with the next message.
+// A handler that throws, or a type with no handler, is logged; the queue goes
+// on with the next message.
 TEST(HostQueue, AThrowingHandlerIsLoggedAndTheQueueGoesOn)
 {
     LogRecorder logs;
     ac::MessageEnqueuer queue;
     const ac::MessageListener table[] = {{"boom", throwing_handler, false},
+                                         {"odd", odd_handler, false},
                                          {"next", counting_handler, false}};
-    queue.listen(table, 2);
-    std::thread runner([&queue] { queue.process(0, nullptr); });
-    queue.enqueue(new ac::Message("boom", 0, nullptr), nullptr);
-    queue.enqueue(new ac::Message("next", 0, nullptr), nullptr);
+    queue.listen(table, 3);
+    std::thread runner([&queue] { queue.process(1, keep_alive); });
+    for (const char* type : {"boom", "odd", "none", "next"})
+        queue.enqueue(new ac::Message(type, 0, nullptr), nullptr);
     ASSERT_TRUE(standin::Bus::instance().wait_idle());
     EXPECT_EQ(handled.load(), 1);
     standin::Bus::instance().stop_queues();
     runner.join();
-    EXPECT_EQ(logs.texts(standin::LogLine::Kind::host),
-              (std::vector<std::string>{"queue served", "handler for boom threw: no such thing"}));
+    EXPECT_EQ(
+        logs.texts(standin::LogLine::Kind::host),
+        (std::vector<std::string>{"queue served; keep-alive after each message and every 1 ms idle",
+                                  "handler for boom threw: no such thing",
+                                  "handler for odd threw an unknown exception",
+                                  "no handler for none; message dropped"}));
 }
 
 // A file that is no plug-in is reported, and nothing runs.

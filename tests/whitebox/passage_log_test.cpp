@@ -40,7 +40,7 @@ TEST_F(PassageLog, OnlineTheOperationModeDecidesAndAnUnansweredQuestionRaises)
 {
     const struct {
         int online;
-        const char* client;
+        const char* client;  // null: the host's default, an answer
         int mode;
         bool asked;
         bool updated;
@@ -49,6 +49,7 @@ TEST_F(PassageLog, OnlineTheOperationModeDecidesAndAnUnansweredQuestionRaises)
         {0, "answer", 0, false, true, ""},
         {1, "answer", 1, true, true, ""},
         {1, "answer", 0, true, false, ""},
+        {1, nullptr, 1, true, true, ""},
         {1, "silent", 1, true, false, "Message online_client_get_operation_mode not replied"},
         {1, "no_mode", 1, true, false, "Wrong parameters in reply"},
     };
@@ -62,10 +63,12 @@ TEST_F(PassageLog, OnlineTheOperationModeDecidesAndAnUnansweredQuestionRaises)
     for (const auto& row : table) {
         for (const auto& update : updates) {
             SCOPED_TRACE(std::string(update.name) + ", online " + std::to_string(row.online) +
-                         ", client " + row.client + ", mode " + std::to_string(row.mode));
+                         ", client " + (row.client ? row.client : "unset") + ", mode " +
+                         std::to_string(row.mode));
             restore_records();
             config().set("host", "online", row.online);
-            config().set("host", "online_client", row.client);
+            row.client ? config().set("host", "online_client", row.client)
+                       : config().erase("host", "online_client");
             config().set("host", "online_client_mode", row.mode);
 
             EXPECT_EQ(thrown_text(update.call), row.raised);
