@@ -1,9 +1,11 @@
 // What the plug-in's tests stand on in the stand-in host, one row each: the
-// clock's milliseconds, the types of message fields, a queue that outlives a
-// throwing handler, and a plug-in that cannot load.
+// clock's milliseconds, thread names, a missing action, the types of message
+// fields, a queue that outlives a throwing handler, and a plug-in that cannot
+// load.
 #include <atomic>
 #include <climits>
 #include <ctime>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -11,6 +13,7 @@
 
 #include "ac/message_enqueuer.h"
 #include "ac/util.h"
+#include "ac_dal/ac_dal.h"
 #include "terminal_test.h"
 
 namespace catra_test {
@@ -24,15 +27,45 @@ TEST(HostClock, MillisecondsAreTruncated)
         timespec time;
         int ms;
     } rows[] = {
-        {{0, 999'999}, 0},          {{0, 100'999'999}, 100},
-        {{1, 999'999'999}, 1999},   {{-1, 999'500'000}, 0},
-        {{-2, 0}, -2000},           {{3'000'000, 0}, INT_MAX},
-        {{0, 2'000'000'000}, 2000}, {{2'147'483, 646'999'999}, 2'147'483'646},
+        {{0, 999'999}, 0},
+        {{0, 100'999'999}, 100},
+        {{1, 999'999'999}, 1999},
+        {{-1, 999'500'000}, 0},
+        {{-2, 0}, -2000},
+        {{3'000'000, 0}, INT_MAX},
+        {{0, 2'000'000'000}, 2000},
+        {{2'147'483, 646'999'999}, 2'147'483'646},
+        {{-2'147'484, 999'000'000}, -2'147'483'001},
     };
     for (const auto& row : rows) {
         EXPECT_EQ(ac::util::timespec_to_ms(row.time), row.ms)
             << row.time.tv_sec << " s " << row.time.tv_nsec << " ns";
     }
+}
+
+// A thread keeps the first 15 characters of its name, as the kernel does.
+TEST(HostThread, ALongNameIsCut)
+{
+    std::string name;
+    std::thread named([&name] {
+        ac::util::set_thread_name("catra-exit-request", pthread_self());
+        std::ifstream("/proc/thread-self/comm") >> name;
+    });
+    named.join();
+    EXPECT_EQ(name, "catra-exit-requ");
+}
+
+// An action that is not in the store has id 0 and no portals.
+TEST(HostData, AMissingActionHasNoIdAndNoPortals)
+{
+    standin::Database::instance().open(":memory:");
+    standin::Database::instance().seed(1, 1000);
+    ac_dal::action action;
+    EXPECT_TRUE(action.load(3));
+    EXPECT_EQ(action.device_portals(1).size(), 2u);
+    EXPECT_FALSE(action.load(99));
+    EXPECT_EQ(action.id(), 0);
+    EXPECT_TRUE(action.device_portals(1).empty());
 }
 
 // A field is read only as the type it was added with.
