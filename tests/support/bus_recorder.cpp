@@ -74,22 +74,6 @@ BusRecorder::~BusRecorder()
     standin::Bus::instance().unsubscribe(subscription_);
 }
 
-std::vector<RecordedMessage> BusRecorder::messages() const
-{
-    std::lock_guard<std::mutex> lock(shared_->mutex);
-    return shared_->messages;
-}
-
-std::vector<RecordedMessage> BusRecorder::of_type(const std::string& type) const
-{
-    std::lock_guard<std::mutex> lock(shared_->mutex);
-    std::vector<RecordedMessage> found;
-    for (const RecordedMessage& message : shared_->messages)
-        if (message.type == type)
-            found.push_back(message);
-    return found;
-}
-
 std::vector<std::string> BusRecorder::trace() const
 {
     std::lock_guard<std::mutex> lock(shared_->mutex);
@@ -115,14 +99,6 @@ void BusRecorder::clear()
     shared_->messages.clear();
     shared_->trace.clear();
     shared_->writes_seen = SyscallFaults::device_writes().size();
-}
-
-std::string BusRecorder::dump() const
-{
-    std::string text;
-    for (const RecordedMessage& message : messages())
-        text += render(message) + '\n';
-    return text;
 }
 
 }  // namespace catra_test

@@ -33,8 +33,6 @@ public:
     BusRecorder(const BusRecorder&) = delete;
     BusRecorder& operator=(const BusRecorder&) = delete;
 
-    std::vector<RecordedMessage> messages() const;
-    std::vector<RecordedMessage> of_type(const std::string& type) const;
     // Messages rendered as render() does and, in between, each write call on
     // the controller device as "write <bytes>" (NULs shown as \0), in the
     // order they happened.
@@ -44,8 +42,6 @@ public:
     bool wait_for(const std::string& type, std::size_t count,
                   std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
     void clear();
-    // All recorded messages, one rendered line each.
-    std::string dump() const;
 
     struct Shared;
 

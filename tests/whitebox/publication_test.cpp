@@ -32,7 +32,7 @@ TEST(Publication, ADataAccessFailureSendsNothingAndKeepsTheUuid)
     standin::Database::instance().exec(refusal("INSERT", "access_events"));
     EXPECT_EQ(thrown_text([] { send_message_catra_event(CatraEvent::TURN_LEFT); }),
               "disk I/O error");
-    EXPECT_TRUE(recorder.messages().empty());
+    EXPECT_TRUE(recorder.trace().empty());
     EXPECT_EQ(release_uuid, "abc");
 }
 
