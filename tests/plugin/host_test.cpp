@@ -1,11 +1,13 @@
 // What the plug-in's tests stand on in the stand-in host, one row each: the
 // clock's milliseconds, thread names, a missing action, the types of message
-// fields, a queue that outlives a throwing handler, and a plug-in that cannot
-// load.
+// fields, a queue that outlives a throwing handler, the idle barrier, and a
+// plug-in that cannot load.
 #include <atomic>
+#include <chrono>
 #include <climits>
 #include <ctime>
 #include <fstream>
+#include <future>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -129,6 +131,24 @@ TEST(HostQueue, AThrowingHandlerIsLoggedAndTheQueueGoesOn)
                                   "handler for boom threw: no such thing",
                                   "handler for odd threw an unknown exception",
                                   "no handler for none; message dropped"}));
+}
+
+// The idle barrier wakes its waiter as the last delivery ends. The bound given
+// here outlasts the test's own time-out, so a waiter left asleep fails it.
+TEST(HostBus, TheIdleBarrierWakesItsWaiterAsTheLastDeliveryEnds)
+{
+    standin::Bus& bus = standin::Bus::instance();
+    std::promise<void> opened;
+    bus.add_service("gate", [gate = opened.get_future().share()](ac::Message&) { gate.wait(); });
+    ac::PostOffice::send_message(new ac::Message("gate", 0, nullptr));
+    std::promise<void> waiting;
+    std::thread waiter([&bus, &waiting] {
+        waiting.set_value();
+        EXPECT_TRUE(bus.wait_idle(std::chrono::hours(1)));
+    });
+    waiting.get_future().wait();
+    opened.set_value();
+    waiter.join();
 }
 
 // A file that is no plug-in is reported, and nothing runs.
