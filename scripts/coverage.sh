@@ -3,7 +3,7 @@
 # coverage (throw branches left out). A report, not a gate.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/setup.sh gcovr
+scripts/setup.sh build tests
 cmake --preset coverage >/dev/null
 cmake --build --preset coverage
 find build/coverage -name '*.gcda' -delete

@@ -38,9 +38,7 @@ scenarios() {
     --junit build/default/scenarios.xml --check examples/*.jsonl tests/scenarios/*.jsonl
 }
 
-stage "setup" scripts/setup.sh \
-  cppcheck clang-tidy-14 gcovr clang-14 libclang-rt-14-dev g++-arm-linux-gnueabihf qemu-user \
-  chromium chromium-driver python3-selenium lintian help2man dpkg-dev file socat
+stage "setup" scripts/setup.sh build tests arm packaging static
 stage "format check" scripts/check-format.sh
 for name in "${stages[@]}"; do
   case "$name" in
