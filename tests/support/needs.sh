@@ -14,5 +14,6 @@ if [ "$#" -lt 2 ]; then
   exit 2
 fi
 shift
-"$(dirname "$0")/../../scripts/setup.sh" --check "${packages[@]}"
+# The message goes to standard output too, where a test's listing is read.
+"$(dirname "$0")/../../scripts/setup.sh" --check "${packages[@]}" 2>&1
 exec "$@"
