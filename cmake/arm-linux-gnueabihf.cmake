@@ -17,5 +17,8 @@ set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
 
-# Test executables run under user-mode emulation with the target's libraries.
-set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm -L /usr/arm-linux-gnueabihf)
+# Test executables run under user-mode emulation with the target's libraries;
+# without qemu-user installed, each fails naming it.
+set(CMAKE_CROSSCOMPILING_EMULATOR
+    "${CMAKE_CURRENT_LIST_DIR}/../tests/support/needs.sh" qemu-user --
+    qemu-arm -L /usr/arm-linux-gnueabihf)

@@ -4,7 +4,7 @@
 # subset that the test command runs; without it, the whole suite.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/setup.sh g++-arm-linux-gnueabihf qemu-user
+scripts/setup.sh build arm
 scripts/arm-sysroot.sh
 cmake --preset arm >/dev/null
 cmake --build --preset arm

@@ -8,7 +8,7 @@
 #     exports only `init` and needs no host library.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/setup.sh lintian dpkg-dev file
+scripts/setup.sh packaging
 dir=build/packages
 
 fail() {

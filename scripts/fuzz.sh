@@ -18,7 +18,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/setup.sh clang-14 libclang-rt-14-dev
+scripts/setup.sh build tests
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz
 

@@ -5,7 +5,7 @@
 # Only the packaged targets are built; build folders are reused.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-scripts/setup.sh help2man dpkg-dev file g++-arm-linux-gnueabihf
+scripts/setup.sh build packaging arm
 scripts/arm-sysroot.sh >/dev/null
 
 out=build/packages
