@@ -2,12 +2,12 @@
 # The test command (what CI runs): every stage below, each printing its time.
 #   scripts/test.sh              all stages
 #   scripts/test.sh asan         one preset alone (default, asan, tsan)
-#   scripts/test.sh arm coverage static fuzz scenarios package   other stages by name
+#   scripts/test.sh arm coverage static fuzz scenarios demo package   other stages by name
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 stages=("$@")
-[ "${#stages[@]}" -eq 0 ] && stages=(static default scenarios asan tsan coverage arm fuzz package)
+[ "${#stages[@]}" -eq 0 ] && stages=(static default scenarios demo asan tsan coverage arm fuzz package)
 
 # The processor time of this shell's finished children, in seconds.
 children_cpu() {
@@ -49,6 +49,13 @@ scenarios() {
     --junit build/default/scenarios.xml --check examples/*.jsonl tests/scenarios/*.jsonl
 }
 
+# The README's run command, as a person runs it: its demo must meet its
+# expectations. What it printed is kept in build/default/demo.jsonl.
+demo() {
+  mkdir -p build/default
+  scripts/run.sh >build/default/demo.jsonl
+}
+
 stage "setup" scripts/setup.sh build tests arm packaging static
 stage "format check" scripts/check-format.sh
 for name in "${stages[@]}"; do
@@ -56,6 +63,7 @@ for name in "${stages[@]}"; do
     default | asan | tsan) stage "build and test: $name" preset "$name" ;;
     static) stage "static analysis" scripts/static-analysis.sh ;;
     scenarios) stage "scenarios" scenarios ;;
+    demo) stage "the run command" demo ;;
     coverage) stage "coverage" scripts/coverage.sh ;;
     arm) stage "ARM (armhf) under qemu-arm" scripts/arm.sh quick ;;
     fuzz) stage "fuzz corpus replay" scripts/fuzz.sh replay ;;
