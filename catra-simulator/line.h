@@ -12,7 +12,7 @@
 
 #include "simulator/controller_pty.h"
 
-namespace simulator::program {
+namespace catra_simulator {
 
 // The speeds a serial device is set to; false for a speed the system has no
 // setting for.
@@ -51,10 +51,8 @@ private:
 
     int fd_ = -1;
     std::string terminal_path_;
-    // A pseudo-terminal: the pair, and a descriptor of the slave side that
-    // this program only watches.
-    std::unique_ptr<ControllerPty> pty_;
-    int watched_slave_ = -1;
+    // A pseudo-terminal: the pair; fd_ is a non-blocking copy of its master.
+    std::unique_ptr<simulator::ControllerPty> pty_;
 };
 
-}  // namespace simulator::program
+}  // namespace catra_simulator

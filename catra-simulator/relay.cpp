@@ -7,16 +7,12 @@
 #include <cerrno>
 #include <system_error>
 
-namespace simulator::program {
+namespace catra_simulator {
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-std::system_error system_failure(const std::string& what)
-{
-    return std::system_error(errno, std::generic_category(), what);
-}
+using simulator::system_failure;
 
 // Whatever is readable now, appended to `bytes`; false when the other side
 // hung up or the read failed (errno tells; 0 for the end of the line).
@@ -41,31 +37,21 @@ bool read_available(int fd, std::string& bytes)
 
 }  // namespace
 
-Relay::Relay(Line& outside, const ControllerPty& turnstile, std::chrono::milliseconds byte_gap,
+Relay::Relay(Line& outside, const simulator::ControllerPty& turnstile,
+             std::chrono::milliseconds byte_gap,
              std::function<void(const std::string& reason)> failed)
     : outside_(outside), byte_gap_(byte_gap), failed_(std::move(failed))
 {
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
-        throw system_failure("pipe2");
-    wake_read_ = ends[0];
-    wake_write_ = ends[1];
     turnstile_side_ =
         ::open(turnstile.slave_path().c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-    if (turnstile_side_ < 0) {
-        const int error = errno;
-        ::close(wake_read_);
-        ::close(wake_write_);
-        throw std::system_error(error, std::generic_category(),
-                                "cannot open " + turnstile.slave_path());
-    }
+    if (turnstile_side_ < 0)
+        throw system_failure("cannot open " + turnstile.slave_path());
 }
 
 Relay::~Relay()
 {
     stop();
-    for (int fd : {turnstile_side_, wake_read_, wake_write_})
-        ::close(fd);
+    ::close(turnstile_side_);
 }
 
 void Relay::start()
@@ -76,9 +62,7 @@ void Relay::start()
 
 void Relay::stop()
 {
-    const char wake = 'x';
-    while (::write(wake_write_, &wake, 1) < 0 && errno == EINTR) {
-    }
+    stopping_.wake();
     if (thread_.joinable())
         thread_.join();
 }
@@ -87,8 +71,9 @@ void Relay::run()
 {
     try {
         for (;;) {
-            pollfd watched[3] = {
-                {outside_.fd(), POLLIN, 0}, {turnstile_side_, POLLIN, 0}, {wake_read_, POLLIN, 0}};
+            pollfd watched[3] = {{outside_.fd(), POLLIN, 0},
+                                 {turnstile_side_, POLLIN, 0},
+                                 {stopping_.fd(), POLLIN, 0}};
             if (::poll(watched, 3, -1) < 0) {
                 if (errno == EINTR)
                     continue;
@@ -121,11 +106,11 @@ bool Relay::send_to_terminal(const std::string& bytes)
     if (byte_gap_.count() == 0)
         return write_all(outside_.fd(), bytes.data(), bytes.size());
     for (const char& byte : bytes) {
-        if (!wait(wake_read_, POLLIN, byte_gap_))
+        if (!wait(stopping_.fd(), POLLIN, byte_gap_))
             return false;
         const auto limit = Clock::now() + kReadWait;
         while (outside_.unread_by_terminal() && Clock::now() < limit) {
-            if (!wait(wake_read_, POLLIN, std::chrono::milliseconds(1)))
+            if (!wait(stopping_.fd(), POLLIN, std::chrono::milliseconds(1)))
                 return false;
         }
         if (!write_all(outside_.fd(), &byte, 1))
@@ -154,8 +139,8 @@ bool Relay::write_all(int fd, const char* bytes, std::size_t size)
 bool Relay::wait(int fd, short events, std::chrono::milliseconds timeout)
 {
     // Waiting on the wake pipe alone is a pause that stop() cuts short.
-    const bool pause = fd == wake_read_;
-    pollfd watched[2] = {{wake_read_, POLLIN, 0}, {fd, events, 0}};
+    const bool pause = fd == stopping_.fd();
+    pollfd watched[2] = {{stopping_.fd(), POLLIN, 0}, {fd, events, 0}};
     for (;;) {
         const int ready = ::poll(watched, pause ? 1 : 2,
                                  timeout.count() < 0 ? -1 : static_cast<int>(timeout.count()));
@@ -169,4 +154,4 @@ bool Relay::wait(int fd, short events, std::chrono::milliseconds timeout)
     }
 }
 
-}  // namespace simulator::program
+}  // namespace catra_simulator

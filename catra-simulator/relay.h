@@ -17,8 +17,9 @@
 
 #include "line.h"
 #include "simulator/controller_pty.h"
+#include "simulator/posix.h"
 
-namespace simulator::program {
+namespace catra_simulator {
 
 class Relay {
 public:
@@ -26,7 +27,8 @@ public:
 
     // `failed` is called, on the relay's thread, when the line fails; the
     // relay then stops. Both lines must outlive the relay.
-    Relay(Line& outside, const ControllerPty& turnstile, std::chrono::milliseconds byte_gap,
+    Relay(Line& outside, const simulator::ControllerPty& turnstile,
+          std::chrono::milliseconds byte_gap,
           std::function<void(const std::string& reason)> failed);
     ~Relay();
     Relay(const Relay&) = delete;
@@ -51,9 +53,8 @@ private:
     const std::chrono::milliseconds byte_gap_;
     std::function<void(const std::string&)> failed_;
     int turnstile_side_ = -1;  // the slave side of the turnstile's pseudo-terminal
-    int wake_read_ = -1;       // self-pipe that stop() writes to
-    int wake_write_ = -1;
+    simulator::WakePipe stopping_;
     std::thread thread_;
 };
 
-}  // namespace simulator::program
+}  // namespace catra_simulator

@@ -1,7 +1,6 @@
 #include "line.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -10,7 +9,9 @@
 #include <stdexcept>
 #include <system_error>
 
-namespace simulator::program {
+#include "simulator/posix.h"
+
+namespace catra_simulator {
 
 namespace {
 
@@ -23,10 +24,7 @@ const std::map<int, speed_t>& speeds()
     return table;
 }
 
-std::system_error system_failure(const std::string& what)
-{
-    return std::system_error(errno, std::generic_category(), what);
-}
+using simulator::system_failure;
 
 void set_non_blocking(int fd)
 {
@@ -74,45 +72,30 @@ Line Line::serial(const std::string& path, int baud)
 Line Line::pseudo_terminal()
 {
     Line line;
-    line.pty_ = std::make_unique<ControllerPty>();
+    line.pty_ = std::make_unique<simulator::ControllerPty>();
     line.terminal_path_ = line.pty_->slave_path();
     line.fd_ = ::fcntl(line.pty_->master_fd(), F_DUPFD_CLOEXEC, 0);
     if (line.fd_ < 0)
         throw system_failure("fcntl");
     set_non_blocking(line.fd_);
-    line.watched_slave_ =
-        ::open(line.terminal_path_.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-    if (line.watched_slave_ < 0)
-        throw system_failure("cannot open " + line.terminal_path_);
     return line;
 }
 
 Line::~Line()
 {
-    for (int descriptor : {fd_, watched_slave_}) {
-        if (descriptor >= 0)
-            ::close(descriptor);
-    }
+    if (fd_ >= 0)
+        ::close(fd_);
 }
 
 Line::Line(Line&& other) noexcept
-    : fd_(other.fd_),
-      terminal_path_(std::move(other.terminal_path_)),
-      pty_(std::move(other.pty_)),
-      watched_slave_(other.watched_slave_)
+    : fd_(other.fd_), terminal_path_(std::move(other.terminal_path_)), pty_(std::move(other.pty_))
 {
     other.fd_ = -1;
-    other.watched_slave_ = -1;
 }
 
 bool Line::unread_by_terminal() const
 {
-    if (watched_slave_ < 0)
-        return false;
-    // poll, unlike FIONREAD, first moves the bytes just written into the
-    // slave's input, and it honours the reader's VMIN.
-    pollfd watched{watched_slave_, POLLIN, 0};
-    return ::poll(&watched, 1, 0) > 0 && (watched.revents & POLLIN) != 0;
+    return pty_ != nullptr && pty_->unread_by_other_side();
 }
 
-}  // namespace simulator::program
+}  // namespace catra_simulator
