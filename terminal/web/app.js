@@ -39,14 +39,25 @@ async function run(command) {
   }
 }
 
+// What the page shows, by the names /state gives them; a stream event's
+// "shows" carries the same names.
+function show(now) {
+  if (now.state !== undefined && now.state !== null) showState(now.state);
+  if (now.default_state !== undefined && now.default_state !== null) {
+    showDefaultState(now.default_state);
+  }
+  if (now.enabled !== undefined && now.enabled !== null) showEnabled(now.enabled);
+  if (now.operation_mode !== undefined) showOperationMode(now.operation_mode);
+  if (now.exception_mode !== undefined) showExceptionMode(now.exception_mode);
+  if (now.refresh) refreshSoon();
+}
+
 // The state, the enabled flag, the counters and the newest records, read
 // afresh.
 async function refresh() {
   try {
     const now = await (await fetch('/state')).json();
-    if (now.state !== null) showState(now.state);
-    if (now.default_state !== null) showDefaultState(now.default_state);
-    if (now.enabled !== null) showEnabled(now.enabled);
+    show(now);
     showRecords(now);
   } catch (error) {
     $('command-result').textContent = 'cannot read /state: ' + error;
@@ -59,14 +70,6 @@ function refreshSoon() {
 }
 
 // ---------------------------------------------------------------- the turnstile
-
-function fieldsOf(line) {
-  const fields = {};
-  for (const field of line.fields || []) {
-    if (Array.isArray(field) && field.length === 2) fields[field[0]] = field[1];
-  }
-  return fields;
-}
 
 function showState(state) {
   $('state').textContent = STATES[state] === undefined ? String(state) : STATES[state];
@@ -130,32 +133,6 @@ function showRecords(now) {
     'reason', 'uuid']);
 }
 
-// What one output line tells about the turnstile.
-function follow(line) {
-  const fields = fieldsOf(line);
-  if (line.bus === 'catra_state_changed') {
-    showState(fields.state);
-  } else if (line.bus === 'catra_default_state_changed') {
-    showDefaultState(fields.default_state);
-  } else if (line.bus === 'catra_catra_enabled_changed') {
-    showEnabled(fields.enabled);
-  } else if (line.bus === 'catra_event') {
-    refreshSoon();
-  } else if (line.reply === 'catra_state' && line.replied) {
-    showState(fields.state);
-    showDefaultState(fields.default_state);
-  } else if (line.reply === 'catra_catra_enabled' && line.replied) {
-    showEnabled(fields.enabled);
-  } else if (line.sent === 'config_param_set') {
-    if (fields.param === 'operation_mode' && fields.module === 'catra') {
-      showOperationMode(fields.value);
-    } else if (fields.param === 'exception_mode' && fields.module !== 'catra' &&
-               fields.module !== 'identifier') {
-      showExceptionMode(fields.value);
-    }
-  }
-}
-
 // ---------------------------------------------------------------- the events
 
 // An output line as the terminal tells it: its kind, label and text.
@@ -214,7 +191,7 @@ function connect() {
       return;
     }
     addEvent(event);
-    follow(event.line);
+    if (event.shows) show(event.shows);
   };
 }
 
@@ -234,8 +211,14 @@ async function learn() {
         info.device_path + '): a person turns the real turnstile.';
     for (const id of ['turn-left', 'turn-right']) $(id).title = $('person-note').textContent;
   }
+  // A person's turn on each side, as the terminal's command takes it.
+  for (const [side, line] of Object.entries(info.turns)) {
+    $('turn-' + side).addEventListener('click', () => run(line));
+  }
   const sides = ['anticlockwise', 'clockwise', 'both ways'];
   info.buttonholes.forEach((gpio, index) => {
+    // An entry that is no GPIO keeps its position, without a button.
+    if (gpio < 0) return;
     const button = document.createElement('button');
     button.id = 'exit-request-' + (index + 1);
     button.textContent = (index + 1) + ' (GPIO ' + gpio + ')';

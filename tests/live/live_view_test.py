@@ -104,7 +104,8 @@ try:
              '"e":"FREE LEFT","f":"FREE RIGHT","g":"FREE BOTH","h":"TURN LEFT","i":"TURN RIGHT",'
              '"j":"GIVE UP","k":"BLOCKED","l":"EVENT_READY","m":"EVENT_NOT_READY"},"kinds":'
              '["note","init_failed","sent","bus","controller","turnstile","person","log","reply",'
-             '"dump","other"]}'),
+             '"dump","other"],"turns":{"left":"{\\"person\\":\\"turn_left\\"}",'
+             '"right":"{\\"person\\":\\"turn_right\\"}"}}'),
     ]:
         got_status, got_text = request(path, body, headers)
         if text and '%s' in text:

@@ -1,59 +1,9 @@
-#include "window.h"
+#include "script/matcher.h"
 
 #include <algorithm>
+#include <tuple>
 
 namespace terminal {
-
-Window::Window(Output& output)
-    : output_(output), subscription_(output.subscribe([this](const Json& line) {
-          {
-              std::lock_guard<std::mutex> lock(mutex_);
-              since_mark_.push_back(line);
-          }
-          printed_.notify_all();
-      }))
-{
-}
-
-Window::~Window()
-{
-    output_.unsubscribe(subscription_);
-}
-
-void Window::mark()
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    since_mark_.clear();
-}
-
-bool Window::wait_for(const Json& pattern, std::chrono::milliseconds timeout, Json* found)
-{
-    return wait_until([&pattern](const Json& line) { return contains(line, pattern); }, timeout,
-                      found);
-}
-
-bool Window::wait_until(const std::function<bool(const Json&)>& wanted,
-                        std::chrono::milliseconds timeout, Json* found)
-{
-    std::unique_lock<std::mutex> lock(mutex_);
-    std::size_t looked_at = 0;  // lines before this one did not match
-    const bool seen = printed_.wait_for(lock, timeout, [&] {
-        for (; looked_at < since_mark_.size(); ++looked_at) {
-            if (wanted(since_mark_[looked_at]))
-                return true;
-        }
-        return false;
-    });
-    if (seen && found != nullptr)
-        *found = since_mark_[looked_at];
-    return seen;
-}
-
-std::vector<Json> Window::since_mark() const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return {since_mark_.begin(), since_mark_.end()};
-}
 
 // A pattern is a JSON value of a script line: the recursion is as deep as it is.
 // NOLINTNEXTLINE(misc-no-recursion)
@@ -113,6 +63,35 @@ int nearness(const Json& line, const Json& pattern)
         return score;
     }
     return line == pattern ? 1 : 0;
+}
+
+std::string nearest_lines(const std::vector<Json>& printed, const Json& pattern, std::size_t shown)
+{
+    if (printed.empty())
+        return "; nothing was printed since the last action";
+    const auto kind = pattern.begin();
+    struct Ranked {
+        bool same_kind;
+        int nearness;
+        const Json* line;
+    };
+    std::vector<Ranked> ranked;
+    for (const Json& line : printed) {
+        const auto found = line.is_object() ? line.find(kind.key()) : line.end();
+        const bool same_kind = line.is_object() && found != line.end() && *found == kind.value();
+        ranked.push_back({same_kind, nearness(line, pattern), &line});
+    }
+    std::stable_sort(ranked.begin(), ranked.end(), [](const Ranked& a, const Ranked& b) {
+        return std::tie(a.same_kind, a.nearness) > std::tie(b.same_kind, b.nearness);
+    });
+    std::string text = "; the nearest of the " + std::to_string(printed.size()) +
+                       (printed.size() == 1 ? " line" : " lines") +
+                       " printed since the last action:";
+    for (std::size_t i = 0; i < ranked.size() && i < shown; ++i)
+        text += "\n    " + lines::compact(*ranked[i].line);
+    if (ranked.size() > shown)
+        text += "\n    (and " + std::to_string(ranked.size() - shown) + " more)";
+    return text;
 }
 
 }  // namespace terminal

@@ -1,10 +1,11 @@
-#include "options.h"
+#include "session/options.h"
 
 #include <CLI/CLI.hpp>
 #include <filesystem>
 #include <system_error>
 
-#include "live_view.h"
+#include "live/guard.h"
+#include "scenario/session_result.h"
 
 #ifndef CATRA_DEFAULT_PLUGIN
 #define CATRA_DEFAULT_PLUGIN "libcatra.so"
@@ -73,9 +74,12 @@ std::optional<int> parse_options(int argc, char** argv, Options& options)
         ->excludes(script)
         ->excludes(record)
         ->excludes(db);
+    std::string keys;
+    for (const std::string& key : session_result_keys())
+        keys += (keys.empty() ? "" : ", ") + key;
     app.add_option("--result", options.result,
-                   "at the end, write the session's result to this file as one JSON object "
-                   "(expectations, met, bad_lines, init_failed, passed): what --check reads")
+                   "at the end, write the session's result to this file as one JSON object (" +
+                       keys + "): what --check reads")
         ->excludes("--check");
     app.add_option("scenarios", options.check, "the scenario files that --check checks")
         ->type_name("SCENARIO...");

@@ -1,6 +1,7 @@
-// Watching the stand-in host: every message sent on the bus and every line of
-// the host's logs becomes an output line, printed in the thread that sent or
-// logged it, at that moment.
+// The terminal on the host's bus: every message sent on the bus and every line
+// of the host's logs becomes an output line, printed in the thread that sent
+// or logged it, at that moment; and the terminal's own requests to the
+// plug-in.
 #pragma once
 
 #include <chrono>
@@ -9,9 +10,11 @@
 #include <vector>
 
 #include "ac/message.h"
-#include "output.h"
+#include "lines/output.h"
 
 namespace terminal {
+
+using lines::Json;
 
 // [[key, value], ...] in the fields' order; ints as numbers, texts as strings.
 Json fields_json(const std::vector<ac::MessageField>& fields);
@@ -51,7 +54,7 @@ std::optional<Reply> ask(std::unique_ptr<ac::Message> message, std::chrono::mill
 // turns off) until destroyed.
 class HostObservers {
 public:
-    explicit HostObservers(Output& output);
+    explicit HostObservers(lines::Output& output);
     ~HostObservers();
     HostObservers(const HostObservers&) = delete;
     HostObservers& operator=(const HostObservers&) = delete;

@@ -1,4 +1,4 @@
-#include "bounded_server.h"
+#include "live/bounded_server.h"
 
 #include <arpa/inet.h>
 #include <poll.h>

@@ -1,4 +1,4 @@
-#include "child_process.h"
+#include "check/child_process.h"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -1,4 +1,4 @@
-#include "config_file.h"
+#include "session/config_file.h"
 
 #include <ini.h>
 

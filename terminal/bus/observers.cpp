@@ -1,4 +1,4 @@
-#include "observers.h"
+#include "bus/observers.h"
 
 #include <condition_variable>
 #include <mutex>
@@ -31,12 +31,10 @@ const char* kind_name(standin::LogLine::Kind kind)
 
 Json log_json(const standin::LogLine& line)
 {
-    Json json;
-    json["log"] = kind_name(line.kind);
+    std::optional<std::string> function;
     if (line.kind == standin::LogLine::Kind::debug)
-        json["function"] = line.function;
-    json["text"] = line.text;
-    return json;
+        function = line.function;
+    return lines::log_line(kind_name(line.kind), function, line.text);
 }
 
 }  // namespace
@@ -104,16 +102,14 @@ std::optional<Reply> ask(std::unique_ptr<ac::Message> message, std::chrono::mill
     return Reply{exchange->reply.replied(), fields_json(exchange->reply.fields())};
 }
 
-HostObservers::HostObservers(Output& output)
+HostObservers::HostObservers(lines::Output& output)
 {
     bus_subscription_ =
         standin::Bus::instance().subscribe([&output](const ac::Message& msg, bool /*sync*/) {
             if (OwnSend::unprinted())
                 return;
-            Json line;
-            line[OwnSend::active() ? "sent" : "bus"] = msg.type();
-            line["fields"] = fields_json(msg.fields());
-            output.emit(line);
+            output.emit(OwnSend::active() ? lines::sent_line(msg.type(), fields_json(msg.fields()))
+                                          : lines::bus_line(msg.type(), fields_json(msg.fields())));
         });
     standin::Logs::instance().set_echo(false);
     logs_subscription_ = standin::Logs::instance().subscribe(

@@ -3,7 +3,7 @@
 //   GET  /         the page (HTML, CSS and JavaScript built into the program)
 //   GET  /info     what the page needs to know: buttonholes, simulated or not,
 //                  operation and exception mode, the names of the controller's
-//                  event letters
+//                  event letters, the kinds of output line, a person's turns
 //   GET  /state    what the page shows, read without acting and without a
 //                  line of output: state, default state, enabled, the
 //                  counters and the newest access events and access-log
@@ -18,37 +18,32 @@
 //
 // The port controls the terminal. The server (bounded_server.h) bounds
 // connections, request heads and bodies and forbids framing; on top of it:
-// - a Host or Origin header that names another site gets 403;
-// - off loopback every request needs the secret (401 without it): the printed
-//   address carries it once, and the page keeps it as a same-site cookie;
+// - the guard (guard.h): a Host or Origin header that names another site gets
+//   403; off loopback every request needs the secret (401 without it);
 // - at most kMostStreams watching pages at once (503 past it);
 // - a posted line waits at most kLongestPostedWait, and for the script at
 //   most kLongestScriptWait (503), so no page holds the script;
-// - the history is bounded in lines and bytes; a page that falls behind it is
-//   dropped (its browser reconnects and gets the history again), so no client
-//   ever holds up the terminal's output.
+// - the history (history.h) is bounded in lines and bytes.
 // It is a tool for a bench or a trusted network: the secret is not
 // encryption, and anyone who can read the traffic can read the secret.
 #pragma once
 
-#include <signal.h>
-
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
-#include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 
-#include "output.h"
-#include "script.h"
+#include "lines/messages.h"
+#include "lines/output.h"
+#include "live/guard.h"
+#include "live/history.h"
+#include "script/runner.h"
 #include "standin/standin.h"
 
 namespace httplib {
-class ContentReader;
 struct Request;
 struct Response;
 }  // namespace httplib
@@ -56,29 +51,6 @@ struct Response;
 namespace terminal {
 
 class BoundedServer;
-
-// "" when `text` is a valid [ADDR:]PORT for --http, else what is wrong.
-std::string http_address_error(const std::string& text);
-// "" when `text` may be the live view's secret (--http-token), else what is wrong.
-std::string http_token_error(const std::string& text);
-
-// SIGINT and SIGTERM, blocked in every thread from construction on (so build
-// it before any thread starts) and taken one at a time by wait().
-class StopSignals {
-public:
-    StopSignals();
-    ~StopSignals() = default;
-    StopSignals(const StopSignals&) = delete;
-    StopSignals& operator=(const StopSignals&) = delete;
-    // Returns the signal that arrived.
-    int wait();
-    // From now on a second signal ends the process at once, with the exit
-    // status of a process killed by it.
-    void end_at_once_on_next();
-
-private:
-    sigset_t set_{};
-};
 
 class LiveView {
 public:
@@ -95,8 +67,8 @@ public:
 
     // Starts keeping the output's recent lines at once, so that the page
     // shows the start-up too.
-    LiveView(Output& output, const standin::Config& config, standin::Database& database,
-             bool simulated);
+    LiveView(lines::Output& output, const standin::Config& config, standin::Database& database,
+             bool simulated, const lines::Messages& messages);
     ~LiveView();
     LiveView(const LiveView&) = delete;
     LiveView& operator=(const LiveView&) = delete;
@@ -113,40 +85,28 @@ public:
     void stop();
 
 private:
-    using Line = std::shared_ptr<const std::string>;
-
-    void publish(const Json& line);
-    bool allowed(const httplib::Request& request) const;
-    bool authorised(const httplib::Request& request, httplib::Response& response) const;
+    void publish(const lines::Json& line);
     void events(httplib::Response& response);
     void command(std::string line, httplib::Response& response);
     void info(httplib::Response& response) const;
     void state(httplib::Response& response);
 
-    Output& output_;
+    lines::Output& output_;
     const standin::Config& config_;
     standin::Database& database_;
     const bool simulated_;
+    const lines::Messages& messages_;
+    History history_;
     int subscription_ = -1;
+    std::optional<Guard> guard_;
     std::unique_ptr<BoundedServer> server_;
     std::thread listener_;
     std::string host_;
-    std::string token_;  // empty: none needed (loopback)
     int port_ = 0;
 
-    // The history is a window of the numbered lines printed so far: line
-    // first_line_ is history_.front(), line next_line_ the next to come.
-    // Each stream keeps the number of the next line it sends.
     std::mutex mutex_;
-    std::condition_variable changed_;
-    std::deque<Line> history_;         // guarded by mutex_
-    std::size_t history_bytes_ = 0;    // guarded by mutex_
-    std::uint64_t first_line_ = 0;     // guarded by mutex_
-    std::uint64_t next_line_ = 0;      // guarded by mutex_
-    std::size_t streams_ = 0;          // guarded by mutex_
-    std::size_t streams_waiting_ = 0;  // guarded by mutex_
-    bool stopping_ = false;            // guarded by mutex_
-    Script* script_ = nullptr;         // guarded by mutex_
+    std::size_t streams_ = 0;   // guarded by mutex_
+    Script* script_ = nullptr;  // guarded by mutex_
 };
 
 }  // namespace terminal
