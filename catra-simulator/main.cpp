@@ -184,7 +184,8 @@ int main(int argc, char** argv)
     const lines::Messages messages("catra-simulator");
     try {
         catra_simulator::Options options;
-        if (const std::optional<int> done = catra_simulator::parse_options(argc, argv, options))
+        if (const std::optional<int> done =
+                catra_simulator::parse_options(messages.program(), argc, argv, options))
             return *done;
         return catra_simulator::run(options, messages);
     } catch (const std::exception& e) {

@@ -12,7 +12,8 @@
 
 namespace catra_simulator {
 
-std::optional<int> parse_options(int argc, char** argv, Options& options)
+std::optional<int> parse_options(const std::string& program, int argc, char** argv,
+                                 Options& options)
 {
     using lines::compact;
     using simulator::Side;
@@ -25,7 +26,7 @@ std::optional<int> parse_options(int argc, char** argv, Options& options)
         compact(lines::turn_command(Side::right)) + ", " +
         compact(lines::Json{{lines::name_of(lines::Verb::controller), "LETTERS"}}) +
         ". Ctrl-C or SIGTERM ends it; the end of standard input does not."};
-    app.set_version_flag("--version", std::string("catra-simulator ") + CATRA_VERSION);
+    app.set_version_flag("--version", program + " " + CATRA_VERSION);
     CLI::Option* device = app.add_option("--device", options.device,
                                          "serial device wired to the terminal's controller port "
                                          "(default: a new pseudo-terminal, "

@@ -40,10 +40,12 @@ bool read_available(int fd, std::string& bytes)
 Relay::Relay(Line& outside, const simulator::ControllerPty& turnstile,
              std::chrono::milliseconds byte_gap,
              std::function<void(const std::string& reason)> failed)
-    : outside_(outside), byte_gap_(byte_gap), failed_(std::move(failed))
+    : outside_(outside),
+      byte_gap_(byte_gap),
+      failed_(std::move(failed)),
+      turnstile_side_(
+          ::open(turnstile.slave_path().c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC))
 {
-    turnstile_side_ =
-        ::open(turnstile.slave_path().c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (turnstile_side_ < 0)
         throw system_failure("cannot open " + turnstile.slave_path());
 }

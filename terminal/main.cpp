@@ -43,7 +43,7 @@ int main(int argc, char** argv)
     std::signal(SIGPIPE, SIG_IGN);
     const lines::Messages messages("catra-terminal");
     terminal::Options options;
-    if (const auto code = terminal::parse_options(argc, argv, options))
+    if (const auto code = terminal::parse_options(messages.program(), argc, argv, options))
         return *code;
     if (!options.check.empty()) {
         return terminal::run_checks({own_program(argv[0]), options.plugin, options.config,

@@ -184,7 +184,7 @@ int run_checks(const CheckOptions& options, std::ostream& out, const lines::Mess
         << " failed, in " << seconds_text(seconds) << std::endl;
     if (!options.junit.empty()) {
         std::ofstream file(options.junit, std::ios::trunc);
-        file << junit_report(outcomes, seconds);
+        file << junit_report(messages.program() + " scenarios", outcomes, seconds);
         if (!file.flush()) {
             messages.say(options.junit + ": cannot be written");
             return 1;

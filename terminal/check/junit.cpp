@@ -43,7 +43,8 @@ std::string xml_text(const std::string& text, bool attribute)
     return escaped;
 }
 
-std::string junit_report(const std::vector<ScenarioOutcome>& outcomes, double seconds)
+std::string junit_report(const std::string& suite, const std::vector<ScenarioOutcome>& outcomes,
+                         double seconds)
 {
     std::ostringstream file;
     const auto failures =
@@ -56,10 +57,10 @@ std::string junit_report(const std::vector<ScenarioOutcome>& outcomes, double se
     std::strftime(timestamp, sizeof timestamp, "%Y-%m-%dT%H:%M:%S", &utc);
     file << std::fixed << std::setprecision(3)
          << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<testsuites tests=\"" << outcomes.size()
-         << "\" failures=\"" << failures << "\" time=\"" << seconds
-         << "\">\n  <testsuite name=\"catra-terminal scenarios\" tests=\"" << outcomes.size()
-         << "\" failures=\"" << failures << "\" errors=\"0\" skipped=\"0\" time=\"" << seconds
-         << "\" timestamp=\"" << timestamp << "\">\n";
+         << "\" failures=\"" << failures << "\" time=\"" << seconds << "\">\n  <testsuite name=\""
+         << xml_text(suite, true) << "\" tests=\"" << outcomes.size() << "\" failures=\""
+         << failures << "\" errors=\"0\" skipped=\"0\" time=\"" << seconds << "\" timestamp=\""
+         << timestamp << "\">\n";
     for (const ScenarioOutcome& outcome : outcomes) {
         const std::filesystem::path scenario(outcome.scenario);
         const std::string folder = scenario.parent_path().string();

@@ -18,10 +18,11 @@ struct ScenarioOutcome {
     std::string errors;                // what it printed on its error stream
 };
 
-// The report as an XML document: one test case per scenario, named by its
-// file and classed by its folder; a failure's message is its tally and first
-// reason, its text every reason.
-std::string junit_report(const std::vector<ScenarioOutcome>& outcomes, double seconds);
+// The report as an XML document, a test suite of that name: one test case
+// per scenario, named by its file and classed by its folder; a failure's
+// message is its tally and first reason, its text every reason.
+std::string junit_report(const std::string& suite, const std::vector<ScenarioOutcome>& outcomes,
+                         double seconds);
 
 // Text for an XML document (an attribute's value when `attribute`): markup
 // characters escaped, control characters and bytes that are not UTF-8

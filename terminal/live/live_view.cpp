@@ -215,8 +215,8 @@ std::string LiveView::listen(const std::string& text, const std::string& token)
         const int failure = errno;
         server_.reset();
         return "--http: cannot listen on " + text + ": " +
-               (failure == EADDRINUSE ? "the port is in use (another catra-terminal, or "
-                                        "another program, listens there)"
+               (failure == EADDRINUSE ? "the port is in use (another " + messages_.program() +
+                                            ", or another program, listens there)"
                                       : std::system_category().message(failure));
     }
     server_->widen_backlog();

@@ -178,7 +178,7 @@ void Script::run_command(const lines::Command& command)
             throw Refused(quoted(lines::name_of(command.verb)) + " is not run: " + refusal_);
         act(command);
     } else {
-        look(command);
+        follow(command);
     }
 }
 
@@ -241,7 +241,7 @@ void Script::act(const lines::Command& command)
     }
 }
 
-void Script::look(const lines::Command& command)
+void Script::follow(const lines::Command& command)
 {
     switch (command.verb) {
         case Verb::wait_ms:

@@ -26,7 +26,12 @@ namespace terminal {
 // Told of each line that runs, for a recording.
 class LineObserver {
 public:
+    LineObserver() = default;
     virtual ~LineObserver() = default;
+    LineObserver(const LineObserver&) = delete;
+    LineObserver& operator=(const LineObserver&) = delete;
+    LineObserver(LineObserver&&) = delete;
+    LineObserver& operator=(LineObserver&&) = delete;
     // An action is about to act.
     virtual void before_action() = 0;
     // A command ran; `given` is its line's object.
@@ -97,7 +102,7 @@ private:
     Outcome run_line(const std::string& line, int number);
     void run_command(const lines::Command& command);
     void act(const lines::Command& command);
-    void look(const lines::Command& command);
+    void follow(const lines::Command& command);
     simulator::Turnstile& turnstile(lines::Verb verb) const;
     // Every action calls this as it starts to act: the observer hears of it,
     // and waits and expectations look from here on.

@@ -40,12 +40,13 @@ std::string default_plugin()
 
 }  // namespace
 
-std::optional<int> parse_options(int argc, char** argv, Options& options)
+std::optional<int> parse_options(const std::string& program, int argc, char** argv,
+                                 Options& options)
 {
     CLI::App app{
         "The stand-in terminal: loads the turnstile plug-in as the terminal's host does and runs "
         "it against a simulated turnstile controller, driven by JSON commands, one per line."};
-    app.set_version_flag("--version", std::string("catra-terminal ") + CATRA_VERSION);
+    app.set_version_flag("--version", program + " " + CATRA_VERSION);
     app.add_option("--config", options.config,
                    "INI file: one section per configuration module, [host] for the host's own "
                    "settings, keys before any section without a module")

@@ -22,9 +22,10 @@ struct Options {
     std::string result;              // JSON file for the session's result; empty: none
 };
 
-// Fills `options` from the command line. Returns the exit code when the
-// program should end at once (after --help or --version, or on a bad command
-// line, which it reports on standard error).
-std::optional<int> parse_options(int argc, char** argv, Options& options);
+// Fills `options` from the command line of `program`. Returns the exit code
+// when the program should end at once (after --help or --version, or on a bad
+// command line, which it reports on standard error).
+std::optional<int> parse_options(const std::string& program, int argc, char** argv,
+                                 Options& options);
 
 }  // namespace terminal

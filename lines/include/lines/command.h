@@ -103,6 +103,9 @@ struct Note {  // note
     std::string text;
 };
 
+// Only a JSON value's destructor, which may allocate to take a deep value
+// apart, could throw here (out of memory).
+// NOLINTNEXTLINE(bugprone-exception-escape)
 struct Command {
     Verb verb = Verb::note;
     std::variant<Message, ConfigChange, GpioChange, Letters, Turn, Pause, Records, Look, Note>
