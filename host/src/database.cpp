@@ -1,4 +1,6 @@
 // The SQLite database behind the data-access layer.
+#include "standin/database.h"
+
 #include <string>
 
 #include "ac/ac_exception.h"
@@ -103,10 +105,7 @@ std::string Statement::text(int column) const
 }
 
 // ---------------------------------------------------------------- DbSession
-DbSession::DbSession()
-    : lock_(Database::instance().impl().mutex), db_(Database::instance().impl().handle())
-{
-}
+DbSession::DbSession() : lock_(Internals::database().mutex), db_(Internals::database().handle()) {}
 
 void DbSession::exec(const char* sql)
 {
@@ -155,7 +154,7 @@ void Database::Impl::close_locked()
 }
 
 // ---------------------------------------------------------------- Database
-// Never destroyed: plug-in threads may store records until the process ends.
+// Leaked on purpose, so that no static destructor runs before it.
 Database& Database::instance()
 {
     static Database* database = new Database();
@@ -164,12 +163,6 @@ Database& Database::instance()
 
 Database::Database() : impl_(std::make_unique<Impl>()) {}
 
-Database::Impl& Database::impl()
-{
-    return *impl_;
-}
-
-// Replaces the open database; a new in-memory one starts empty.
 void Database::open(const std::string& path)
 {
     std::lock_guard<std::mutex> lock(impl_->mutex);
@@ -188,7 +181,6 @@ void Database::exec(const std::string& sql)
     session.exec(sql.c_str());
 }
 
-// The first statement's rows, every column as text (NULL as "").
 Rows Database::query(const std::string& sql)
 {
     DbSession session;
