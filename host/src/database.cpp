@@ -1,6 +1,8 @@
 // The SQLite database behind the data-access layer.
 #include "standin/database.h"
 
+#include <iomanip>
+#include <ostream>
 #include <string>
 
 #include "ac/ac_exception.h"
@@ -36,6 +38,20 @@ CREATE TABLE IF NOT EXISTS counters(name TEXT PRIMARY KEY, value INTEGER NOT NUL
 [[noreturn]] void raise_sqlite(sqlite3* db)
 {
     throw ac::ac_exception(db ? sqlite3_errmsg(db) : "database not open", true);
+}
+
+// ---------------------------------------------------------------- Cell
+std::ostream& operator<<(std::ostream& out, const Cell& cell)
+{
+    struct Print {
+        std::ostream& out;
+        void operator()(std::nullptr_t) const { out << "NULL"; }
+        void operator()(long long integer) const { out << integer; }
+        void operator()(double real) const { out << real; }
+        void operator()(const std::string& text) const { out << std::quoted(text); }
+    };
+    std::visit(Print{out}, cell.value());
+    return out;
 }
 
 // ---------------------------------------------------------------- Statement
@@ -92,6 +108,16 @@ int Statement::columns() const
 long long Statement::int64(int column) const
 {
     return sqlite3_column_int64(stmt_, column);
+}
+
+Cell Statement::cell(int column) const
+{
+    switch (sqlite3_column_type(stmt_, column)) {
+        case SQLITE_INTEGER: return int64(column);
+        case SQLITE_FLOAT: return sqlite3_column_double(stmt_, column);
+        case SQLITE_NULL: return nullptr;
+        default: return text(column);  // a blob too, byte for byte
+    }
 }
 
 std::string Statement::text(int column) const
@@ -187,10 +213,10 @@ Rows Database::query(const std::string& sql)
     Statement statement(session.db(), sql.c_str());
     Rows rows;
     while (statement.step()) {
-        std::vector<std::string> row;
+        Row row;
         row.reserve(static_cast<size_t>(statement.columns()));
         for (int column = 0; column < statement.columns(); ++column) {
-            row.push_back(statement.text(column));
+            row.push_back(statement.cell(column));
         }
         rows.push_back(std::move(row));
     }
@@ -224,7 +250,7 @@ void Database::seed(long long device_id, int now)
         "(3, 'release clockwise'), (4, 'release both');"
         "INSERT OR IGNORE INTO action_portals(action_id, portal_id) VALUES (2, 1), (2, 2), "
         "(3, 1), (3, 2), (4, 1), (4, 2);");
-    if (query("SELECT COUNT(*) FROM access_logs").at(0).at(0) != "0")
+    if (query("SELECT COUNT(*) FROM access_logs").at(0).at(0) != 0)
         return;
     const std::string granted = std::to_string(ac_dal::access_log_event::GRANTED);
     exec("INSERT INTO access_logs(user_id, portal_id, time, event) VALUES (100, 1, " +

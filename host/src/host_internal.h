@@ -162,6 +162,8 @@ public:
     int columns() const;
     long long int64(int column) const;
     std::string text(int column) const;
+    // The column as SQLite holds it in this row.
+    Cell cell(int column) const;
 
 private:
     void check(int rc) const;

@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include "ac_dal/ac_dal.h"
@@ -10,41 +11,26 @@ namespace terminal {
 
 namespace {
 
-struct Column {
-    const char* name;
-    bool is_int;
-};
+using Columns = std::vector<const char*>;
 
-Json value_of(const std::string& text, bool is_int)
+Json value_of(const standin::Cell& cell)
 {
-    if (!is_int)
-        return text;
-    try {
-        std::size_t used = 0;
-        const long long number = std::stoll(text, &used);
-        if (used == text.size())
-            return number;
-    } catch (const std::exception&) {
-    }
-    return text;
+    return std::visit([](const auto& value) { return Json(value); }, cell.value());
 }
 
-Json rows_of(standin::Database& database, const std::string& sql,
-             const std::vector<Column>& columns)
+Json rows_of(standin::Database& database, const std::string& sql, const Columns& columns)
 {
     Json rows = Json::array();
-    for (const std::vector<std::string>& row : database.query(sql)) {
+    for (const standin::Row& row : database.query(sql)) {
         Json object = Json::object();
         for (std::size_t i = 0; i < columns.size() && i < row.size(); ++i)
-            object[columns[i].name] = value_of(row[i], columns[i].is_int);
+            object[columns[i]] = value_of(row[i]);
         rows.push_back(std::move(object));
     }
     return rows;
 }
 
-const std::vector<Column> kAccessLogColumns = {
-    {"id", true},    {"user_id", true}, {"portal_id", true}, {"time", true},
-    {"event", true}, {"reason", true},  {"uuid", false}};
+const Columns kAccessLogColumns = {"id", "user_id", "portal_id", "time", "event", "reason", "uuid"};
 
 const char* const kAccessLogSelect =
     "SELECT id, user_id, portal_id, time, event, reason, uuid FROM access_logs";
@@ -52,14 +38,14 @@ const char* const kAccessLogSelect =
 Json portals(standin::Database& database)
 {
     Json rows = rows_of(database, "SELECT id, device_id, name FROM portals ORDER BY id",
-                        {{"id", true}, {"device_id", true}, {"name", false}});
+                        {"id", "device_id", "name"});
     for (Json& portal : rows) {
         Json actions = Json::array();
         const std::string sql = "SELECT action_id FROM portal_actions WHERE portal_id = " +
                                 std::to_string(portal["id"].get<long long>()) +
                                 " ORDER BY position";
-        for (const std::vector<std::string>& row : database.query(sql))
-            actions.push_back(value_of(row.at(0), true));
+        for (const standin::Row& row : database.query(sql))
+            actions.push_back(value_of(row.at(0)));
         portal["actions"] = std::move(actions);
     }
     return rows;
@@ -81,12 +67,7 @@ Json dump_records(standin::Database& database, const std::string& what, std::siz
         return rows_of(
             database,
             "SELECT id, module, name, uuid, device_id, timestamp FROM access_events" + order,
-            {{"id", true},
-             {"module", false},
-             {"name", false},
-             {"uuid", false},
-             {"device_id", true},
-             {"timestamp", true}});
+            {"id", "module", "name", "uuid", "device_id", "timestamp"});
     }
     if (what == "access_logs")
         return rows_of(database, std::string(kAccessLogSelect) + order, kAccessLogColumns);

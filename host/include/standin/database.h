@@ -1,13 +1,53 @@
 // The stand-in host's database: the SQLite store behind ac_dal.
 #pragma once
 
+#include <cstddef>
+#include <iosfwd>
 #include <memory>
 #include <string>
+#include <type_traits>
+#include <utility>
+#include <variant>
 #include <vector>
 
 namespace standin {
 
-using Rows = std::vector<std::vector<std::string>>;
+// One value of a row as SQLite gives it: NULL, an integer, a real or a text.
+// Made implicitly from each, so that rows read as they print:
+// {1, "catra", nullptr}. Cells of different kinds are never equal.
+class Cell {
+public:
+    using Value = std::variant<std::nullptr_t, long long, double, std::string>;
+
+    // cppcheck-suppress noExplicitConstructor
+    Cell(std::nullptr_t = nullptr) {}
+    template <typename Integer, typename = std::enable_if_t<std::is_integral_v<Integer> &&
+                                                            !std::is_same_v<Integer, bool>>>
+    // cppcheck-suppress noExplicitConstructor
+    Cell(Integer integer) : value_(static_cast<long long>(integer))
+    {
+    }
+    // cppcheck-suppress noExplicitConstructor
+    Cell(double real) : value_(real) {}
+    // cppcheck-suppress noExplicitConstructor
+    Cell(const char* text) : value_(std::string(text)) {}
+    // cppcheck-suppress noExplicitConstructor
+    Cell(std::string text) : value_(std::move(text)) {}
+
+    const Value& value() const { return value_; }
+
+    friend bool operator==(const Cell& a, const Cell& b) { return a.value_ == b.value_; }
+    friend bool operator!=(const Cell& a, const Cell& b) { return !(a == b); }
+
+private:
+    Value value_;
+};
+
+// NULL, the number, or the text in double quotes.
+std::ostream& operator<<(std::ostream& out, const Cell& cell);
+
+using Row = std::vector<Cell>;
+using Rows = std::vector<Row>;
 
 // The SQLite database behind ac_dal. Tables:
 //   access_events(id, module, name, uuid, device_id, timestamp)
@@ -33,8 +73,7 @@ public:
     void close();
     // Runs SQL; raises ac::ac_exception with SQLite's text on failure.
     void exec(const std::string& sql);
-    // The rows of the first statement in sql, every column as text (NULL as
-    // ""); raises as exec does.
+    // The rows of the first statement in sql; raises as exec does.
     Rows query(const std::string& sql);
     // The counter's value; 0 when it has none.
     long long counter(const std::string& name);
