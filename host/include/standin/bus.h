@@ -46,9 +46,10 @@ public:
     // Returns true once no message waits for or is in delivery and none waits
     // in or is handled by a plug-in queue; false on time-out.
     // REQUIRES: called from a thread that does none of that work, such as a
-    // test's or the terminal's main thread; never from an observer, a
-    // service, a plug-in's receiver or a handler that a queue runs, which
-    // would wait for themselves.
+    // test's or the terminal's main thread. Not on the delivery thread (a
+    // service or a plug-in's receiver) nor in a handler that a queue runs:
+    // the barrier would wait for its own caller. Not in an observer either,
+    // which holds the lock that every sender waits for.
     bool wait_idle(std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
     // Makes every ac::MessageEnqueuer::process return once its running
