@@ -13,7 +13,7 @@
 #include "lines/messages.h"
 #include "session/options.h"
 #include "session/session.h"
-#include "standin/standin.h"
+#include "standin/plugin_host.h"
 
 namespace {
 

@@ -5,7 +5,8 @@
 #include <thread>
 
 #include "ac/ac.h"
-#include "standin/standin.h"
+#include "standin/bus.h"
+#include "standin/logs.h"
 
 namespace terminal {
 

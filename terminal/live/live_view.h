@@ -41,7 +41,8 @@
 #include "live/guard.h"
 #include "live/history.h"
 #include "script/runner.h"
-#include "standin/standin.h"
+#include "standin/config.h"
+#include "standin/database.h"
 
 namespace httplib {
 struct Request;

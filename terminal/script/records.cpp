@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <utility>
+#include <variant>
 
 #include "ac_dal/ac_dal.h"
 
@@ -12,16 +13,9 @@ namespace {
 using lines::Json;
 
 // One column's cell as JSON, typed as the database gives it.
-Json cell(const std::string& text)
+Json cell(const standin::Cell& cell)
 {
-    try {
-        std::size_t used = 0;
-        const long long number = std::stoll(text, &used);
-        if (used == text.size())
-            return number;
-    } catch (const std::exception&) {
-    }
-    return text;
+    return std::visit([](const auto& value) { return Json(value); }, cell.value());
 }
 
 // What to read of a table: its columns, in the order of `order`; `condition`
@@ -48,7 +42,7 @@ Json select(standin::Database& database, const Query& query, std::size_t newest 
     if (newest > 0)
         sql += " DESC LIMIT " + std::to_string(newest);
     Json rows = Json::array();
-    for (const std::vector<std::string>& row : database.query(sql)) {
+    for (const standin::Row& row : database.query(sql)) {
         Json object = Json::object();
         for (std::size_t i = 0; i < columns.size() && i < row.size(); ++i)
             object[columns[i]] = cell(row[i]);

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "lines/line.h"
-#include "standin/standin.h"
+#include "standin/database.h"
 
 namespace terminal {
 

@@ -12,6 +12,7 @@
 #include "bus/observers.h"
 #include "script/matcher.h"
 #include "script/records.h"
+#include "standin/config.h"
 
 namespace terminal {
 

@@ -19,7 +19,7 @@
 #include "lines/output.h"
 #include "script/window.h"
 #include "simulator/turnstile.h"
-#include "standin/standin.h"
+#include "standin/database.h"
 
 namespace terminal {
 

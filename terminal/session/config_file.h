@@ -7,7 +7,7 @@
 
 #include <string>
 
-#include "standin/standin.h"
+#include "standin/config.h"
 
 namespace terminal {
 

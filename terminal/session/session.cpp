@@ -11,6 +11,10 @@
 #include "ac_dal/ac_dal.h"
 #include "lines/listener.h"
 #include "session/config_file.h"
+#include "standin/bus.h"
+#include "standin/config.h"
+#include "standin/database.h"
+#include "standin/services.h"
 
 namespace terminal {
 

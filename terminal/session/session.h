@@ -21,7 +21,7 @@
 #include "session/stop_signals.h"
 #include "simulator/controller_pty.h"
 #include "simulator/turnstile.h"
-#include "standin/standin.h"
+#include "standin/plugin_host.h"
 
 namespace terminal {
 
