@@ -2,8 +2,8 @@
 // behind a small RAII layer whose every bound is a library option where the
 // library has one, and otherwise its public callbacks and connection info:
 // - at most `most_connections` connections served at once; past them up to
-//   `most_turned_away` more are held only to be answered 503, and the rest
-//   wait in the listen backlog until a connection ends;
+//   `most_turned_away` more are held only to be answered 503 once their head
+//   is in, and the library closes the rest at once, unanswered;
 // - off loopback, at most `most_per_client` connections from one address
 //   (the library closes the others at once);
 // - a head (request line and headers, counted in the bytes received, whatever
@@ -19,6 +19,9 @@
 //   never read; Range is never served (the library ignores it);
 // - a connection silent for `idle_timeout` is closed, a stream included:
 //   a stream sends something more often than that.
+// The library's own refusals (a head past its memory, a malformed request
+// line or header, HTTP/1.1 without Host, a Content-Length past 64 bits) are
+// fixed texts without the `every_answer` headers: it has no hook for them.
 #pragma once
 
 #include <chrono>
@@ -36,10 +39,10 @@ namespace live {
 // the live view and the page read them from here.
 struct HttpLimits {
     std::size_t most_connections = 64;  // served at once, all clients
-    std::size_t most_turned_away = 16;  // held past those only to be answered 503
+    std::size_t most_turned_away = 16;  // past those, held only to be answered 503
     std::size_t most_per_client = 8;    // at once from one address, when serving off loopback
-    std::size_t longest_head =
-        32 * 1024;  // request line and headers, bytes, whatever the line ends
+    // Request line and headers, bytes as received, whatever the line ends.
+    std::size_t longest_head = 32 * 1024;
     std::size_t most_header_lines = 100;
     std::chrono::seconds head_deadline{5};  // for the whole head, from the connection's start
     std::chrono::seconds idle_timeout{5};   // a connection silent this long is closed
@@ -65,8 +68,10 @@ struct Request {
 // A body made piece by piece (an event stream): `write` is called on the connection's thread
 // whenever the connection can take more; it copies at most `room` bytes into `buffer` and
 // returns how many, 0 when nothing came within its own short wait (under a second), or -1 to
-// end the stream. `ended` is called exactly once when the stream ends for any reason (the
-// client went away or half-closed, the server stops, write returned -1).
+// end the stream. The library calls it again at once after a 0: that wait is what keeps an
+// idle stream from spinning, and the page's going is noticed between two calls. `ended` is called
+// exactly once when the stream ends for any reason (the client went away or half-closed, the server
+// stops, write returned -1).
 struct Stream {
     std::function<std::ptrdiff_t(char* buffer, std::size_t room)> write;
     std::function<void()> ended;
