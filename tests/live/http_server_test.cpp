@@ -224,6 +224,10 @@ TEST(HttpServer, EachRequestGetsItsAnswerOrTheBoundItPassed)
          "POST /echo HTTP/1.1\r\n" + kHost + "Transfer-Encoding: chunked\r\n\r\n64\r\n" +
              std::string(100, 'x') + "\r\n1\r\nx\r\n0\r\n\r\n",
          "HTTP/1.1 413 Content Too Large", too_large_body},
+        {"a chunked body past twice the bound, cut unanswered",
+         "POST /echo HTTP/1.1\r\n" + kHost + "Transfer-Encoding: chunked\r\n\r\nc9\r\n" +
+             std::string(201, 'x') + "\r\n0\r\n\r\n",
+         "", ""},
         {"many ranges", "GET /echo HTTP/1.1\r\n" + kHost + "Range: bytes=0-,0-,0-,0-\r\n\r\n",
          "HTTP/1.1 200 OK", "GET /echo from 127.0.0.1 q= body=0\n"},
         // Anything after the first request is never read.
@@ -242,6 +246,8 @@ TEST(HttpServer, EachRequestGetsItsAnswerOrTheBoundItPassed)
         const std::string answer = site.ask(row.request);
         EXPECT_EQ(head_line(answer), row.status) << row.what;
         EXPECT_EQ(body_of(answer), row.body) << row.what;
+        if (answer.empty())
+            continue;
         EXPECT_NE(answer.find("\r\nX-Frame-Options: DENY\r\n"), std::string::npos) << row.what;
         EXPECT_NE(answer.find("\r\nConnection: close\r\n"), std::string::npos) << row.what;
     }
