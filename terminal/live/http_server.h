@@ -110,7 +110,6 @@ public:
     struct Served;  // what the library's threads share with this object
 
 private:
-    HttpLimits limits_;
     std::shared_ptr<Served> served_;
     int port_ = 0;
 };
