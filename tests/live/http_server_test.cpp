@@ -197,6 +197,8 @@ TEST(HttpServer, EachRequestGetsItsAnswerOrTheBoundItPassed)
          "HTTP/1.1 200 OK", "POST /echo from 127.0.0.1 q=a b body=3\n"},
         {"the path as sent", "GET /ech%6F HTTP/1.1\r\n" + kHost + "\r\n", "HTTP/1.1 200 OK",
          "GET /ech%6F from 127.0.0.1 q= body=0\n"},
+        {"a header name that ends in a space", "GET /echo HTTP/1.0\r\nX-Refuse : 1\r\n\r\n",
+         "HTTP/1.1 400 Bad Request", "bad request: white space in a header's name\n"},
         {"a head over its bytes",
          "GET /echo HTTP/1.1\r\n" + kHost + "X: " + std::string(500, 'x') + "\r\n\r\n",
          "HTTP/1.1 431 Request Header Fields Too Large", too_large_head},
