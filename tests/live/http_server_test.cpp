@@ -10,6 +10,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <iterator>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -243,7 +244,10 @@ TEST(HttpServer, EachRequestGetsItsAnswerOrTheBoundItPassed)
              kHost + "\r\n",
          "HTTP/1.1 200 OK", "POST /echo from 127.0.0.1 q= body=0\n"},
     };
-    Site site;
+    // A slot is freed just after its client has seen the end: one for each row.
+    live::HttpLimits limits = small_limits();
+    limits.most_connections = std::size(rows);
+    Site site(limits);
     for (const auto& row : rows) {
         const std::string answer = site.ask(row.request);
         EXPECT_EQ(head_line(answer), row.status) << row.what;
@@ -308,6 +312,8 @@ TEST(HttpServer, AStreamsSlotIsFreedWhenItsPageGoes)
         }
         EXPECT_EQ(head_line(next), "HTTP/1.1 200 OK") << (half ? "half-closed" : "closed");
         std::printf("  and its slot served again %.2f s later\n", seconds_since(start));
+        std::lock_guard<std::mutex> lock(site.traces->mutex);
+        EXPECT_EQ(site.traces->ended, 1);
     }
 }
 
