@@ -16,7 +16,8 @@
 //   the bound on and refused when it ends, and cut off if as much again comes
 //   (the library cannot answer in the middle of a body);
 // - one request per connection, so that pipelined or smuggled requests are
-//   never read; Range is never served (the library ignores it);
+//   never answered; Range is never served (the library ignores it); a header
+//   whose name has white space is a 400 (the library would keep it so);
 // - a connection silent for `idle_timeout` is closed, a stream included:
 //   a stream sends something more often than that.
 // The library's own refusals (a head past its memory, a malformed request
