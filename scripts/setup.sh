@@ -8,6 +8,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   libsqlite3-dev sqlite3
   nlohmann-json3-dev libinih-dev libcli11-dev libcpp-httplib-dev
+  libmicrohttpd-dev
   librapidcheck-dev
   clang-format-14
 )
