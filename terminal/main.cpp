@@ -25,16 +25,6 @@ std::string own_program(const char* argv0)
     return failed ? std::string(argv0) : path.string();
 }
 
-// The session's steps, in order; the exit status.
-int play(terminal::Session& session)
-{
-    if (session.prepare()) {
-        session.start_plugin();  // a failed init leaves the script without its actions
-        session.run();
-    }
-    return session.end();
-}
-
 }  // namespace
 
 int main(int argc, char** argv)
@@ -53,5 +43,5 @@ int main(int argc, char** argv)
     terminal::Session session(options, messages);
     // The plug-in's threads never end: the process ends without running
     // static destructors under them.
-    standin::end_process(play(session));
+    standin::end_process(session.play());
 }

@@ -43,11 +43,11 @@ struct HttpLimits {
     std::size_t most_turned_away = 16;  // past those, held only to be answered 503
     std::size_t most_per_client = 8;    // at once from one address, when serving off loopback
     // Request line and headers, bytes as received, whatever the line ends.
-    std::size_t longest_head = 32 * 1024;
+    std::size_t longest_head = std::size_t{32} * 1024;
     std::size_t most_header_lines = 100;
     std::chrono::seconds head_deadline{5};  // for the whole head, from the connection's start
     std::chrono::seconds idle_timeout{5};   // a connection silent this long is closed
-    std::size_t longest_body = 64 * 1024;
+    std::size_t longest_body = std::size_t{64} * 1024;
 };
 
 using Fields = std::vector<std::pair<std::string, std::string>>;
@@ -95,7 +95,7 @@ public:
     // read: a response it returns is the answer. `route` answers the requests the guard let
     // through. Both are called on the connections' threads, several at once. `every_answer`
     // headers go on every answer, the server's own refusals included.
-    HttpServer(HttpLimits limits, Guard guard, Route route, Fields every_answer);
+    HttpServer(const HttpLimits& limits, Guard guard, Route route, Fields every_answer);
     ~HttpServer();  // stop()
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;

@@ -1,17 +1,12 @@
 #include "live/live_view.h"
 
-#include <httplib.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <sstream>
-#include <system_error>
+#include <deque>
 #include <utility>
 #include <vector>
 
 #include "ac/ac.h"
 #include "bus/observers.h"
-#include "live/bounded_server.h"
 #include "script/records.h"
 #include "simulator/protocol.h"
 #include "web_assets.h"
@@ -23,18 +18,25 @@ namespace {
 using namespace std::chrono_literals;
 using lines::Json;
 
-// A stream that saw nothing for this long gets a comment line, so that a
-// vanished client is noticed at the next write.
-constexpr auto kHeartbeat = 10s;
-// How often a quiet stream looks whether its page is still there.
-constexpr auto kStreamCheck = 1s;
-// A stream sends what came in this long at once, so that a burst of lines
-// wakes each page a few times, not once a line.
-constexpr auto kStreamBatch = 25ms;
-// What /state reads: the newest records, and how long the plug-in may take
-// to answer a read of its state.
-constexpr std::size_t kNewestRecords = 10;
+// How long a stream's write waits for a line: a page that went away is
+// noticed between two writes, so within about that.
+constexpr auto kStreamWait = 500ms;
+// A stream that sent nothing for this long sends a comment line: less than
+// the server's idle time-out, which would end it.
+constexpr auto kHeartbeat = 2s;
+const std::string kHeartbeatLine = ": \n\n";
+// How long the plug-in may take to answer a read of its state.
 constexpr std::chrono::milliseconds kStateReadLimit = 2s;
+
+// Every answer: no page of another site may frame the live view, and the
+// page runs only its own scripts and styles and talks only to this server.
+const live::Fields kEveryAnswer = {
+    {"X-Frame-Options", "DENY"},
+    {"Content-Security-Policy",
+     "default-src 'self'; frame-ancestors 'none'; base-uri 'none'; form-action 'none'"},
+    {"X-Content-Type-Options", "nosniff"},
+    {"Referrer-Policy", "no-referrer"},
+};
 
 // What the page shows, by the names /state gives them and the stream's
 // events update them with.
@@ -83,10 +85,51 @@ Json shows(const Json& line)
     return nullptr;
 }
 
-void set_text(httplib::Response& response, int status, const std::string& text)
+live::Response text(int status, const std::string& why)
 {
+    live::Response response;
     response.status = status;
-    response.set_content(text, "text/plain");
+    response.body = why;
+    return response;
+}
+
+live::Response json(const Json& body)
+{
+    live::Response response;
+    response.content_type = "application/json";
+    response.body = lines::compact(body);
+    response.headers.emplace_back("Cache-Control", "no-cache");
+    return response;
+}
+
+// What one stream has sent of the history: the number of the next event,
+// and the rest of the event it is in the middle of.
+struct StreamPosition {
+    std::uint64_t next = 0;
+    History::Event event;
+    std::size_t sent = 0;
+    std::deque<History::Event> waiting;
+    std::chrono::steady_clock::time_point last_sent = std::chrono::steady_clock::now();
+};
+
+// Copies as much of the waiting events as fits; 0 when none waits.
+std::size_t copy_waiting(StreamPosition& position, char* buffer, std::size_t room)
+{
+    std::size_t copied = 0;
+    while (copied < room) {
+        if (!position.event || position.sent == position.event->size()) {
+            if (position.waiting.empty())
+                break;
+            position.event = position.waiting.front();
+            position.waiting.pop_front();
+            position.sent = 0;
+        }
+        const std::size_t part = std::min(room - copied, position.event->size() - position.sent);
+        std::copy_n(position.event->data() + position.sent, part, buffer + copied);
+        position.sent += part;
+        copied += part;
+    }
+    return copied;
 }
 
 }  // namespace
@@ -98,7 +141,7 @@ LiveView::LiveView(lines::Output& output, const standin::Config& config,
       database_(database),
       simulated_(simulated),
       messages_(messages),
-      history_(kHistoryLines, kHistoryBytes)
+      history_(std::make_shared<History>(kHistoryLines, kHistoryBytes))
 {
     subscription_ = output_.subscribe([this](const Json& line) { publish(line); });
 }
@@ -125,117 +168,46 @@ void LiveView::publish(const Json& line)
     const Json changes = shows(line);
     if (!changes.is_null())
         event["shows"] = changes;
-    history_.add("data: " + lines::compact(event) + "\n\n");
+    std::string data = lines::compact(event);
+    if (data.size() > kLongestEvent) {
+        // A line too long for the page (a dump of many records, say): its
+        // text is cut, and the line itself left out, saying how long it was.
+        const std::size_t length = data.size();
+        std::string cut = told.text.substr(0, kLongestEvent / 2);
+        event["text"] = cut + " [cut: the line was " + std::to_string(length) + " bytes]";
+        event["line"] = nullptr;
+        data = lines::compact(event);
+    }
+    history_->add("data: " + data + "\n\n");
 }
 
 std::string LiveView::listen(const std::string& text, const std::string& token)
 {
     std::string error;
-    const std::optional<ListenAddress> parsed = parse_listen_address(text, &error);
-    if (!parsed)
+    const std::optional<ListenAddress> address = parse_listen_address(text, &error);
+    if (!address)
         return "--http: " + error;
-    const ListenAddress& address = *parsed;
-    host_ = address.host;
+    host_ = address->host;
     guard_.emplace(host_, is_loopback(host_) ? "" : token.empty() ? new_token() : token);
-
-    HttpLimits limits;
-    limits.most_connections = kMostConnections;
-    limits.longest_head = kLongestHead;
-    limits.most_header_lines = kMostHeaderLines;
-    limits.longest_body = kLongestBody;
-    server_ = std::make_unique<BoundedServer>(limits);
-    server_->set_pre_routing_handler(
-        [this](const httplib::Request& request, httplib::Response& response) {
-            const std::optional<std::string> origin =
-                request.has_header("Origin")
-                    ? std::optional<std::string>(request.get_header_value("Origin"))
-                    : std::nullopt;
-            if (!guard_->allowed(request.get_header_value("Host"), origin)) {
-                set_text(response, 403, "another site may not use this terminal's live view\n");
-                return httplib::Server::HandlerResponse::Handled;
-            }
-            const Guard::Secret secret =
-                guard_->secret(request.get_param_value("token"), request.get_header_value("Cookie"),
-                               request.get_header_value("Authorization"));
-            if (secret == Guard::Secret::missing) {
-                set_text(response, 401,
-                         "this live view needs its secret: open the address that " +
-                             messages_.program() + " printed\n");
-                return httplib::Server::HandlerResponse::Handled;
-            }
-            if (secret == Guard::Secret::in_query)
-                response.set_header("Set-Cookie", guard_->cookie());
-            return httplib::Server::HandlerResponse::Unhandled;
-        });
-    for (const web::Asset& asset : web::assets) {
-        server_->Get(asset.path, [&asset](const httplib::Request&, httplib::Response& response) {
-            // The embedded bytes are the page's text, as the library takes it.
-            // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast)
-            response.set_content(reinterpret_cast<const char*>(asset.data), asset.size, asset.type);
-            response.set_header("Cache-Control", "no-cache");
-        });
-    }
-    server_->Get("/info",
-                 [this](const httplib::Request&, httplib::Response& response) { info(response); });
-    server_->Get("/state",
-                 [this](const httplib::Request&, httplib::Response& response) { state(response); });
-    server_->Get("/events", [this](const httplib::Request&, httplib::Response& response) {
-        events(response);
-    });
-    // Read through a content reader, whatever the body's framing (a length,
-    // chunks, or none), and at most kLongestBody of it.
-    server_->Post("/command", [this](const httplib::Request& request, httplib::Response& response,
-                                     const httplib::ContentReader& reader) {
-        if (request.is_multipart_form_data()) {
-            set_text(response, 415, "a command is one line of text, not a form\n");
-            return;
-        }
-        std::string body;
-        bool too_long = false;
-        const bool read = reader([&](const char* data, std::size_t size) {
-            too_long = body.size() + size > kLongestBody;
-            if (!too_long)
-                body.append(data, size);
-            return !too_long;
-        });
-        // A length over the bound is refused by the library before any read.
-        if (too_long || response.status == 413) {
-            set_text(response, 413,
-                     "a command is at most " + std::to_string(kLongestBody) + " bytes\n");
-            return;
-        }
-        if (!read)
-            return;
-        command(body, response);
-    });
-
-    const bool bound = address.port == 0 ? (port_ = server_->bind_to_any_port(host_)) > 0
-                                         : server_->bind_to_port(host_, address.port);
-    if (!bound) {
-        const int failure = errno;
+    server_ = std::make_unique<live::HttpServer>(
+        live::HttpLimits{}, [this](const live::Request& request) { return guard(request); },
+        [this](const live::Request& request) { return route(request); }, kEveryAnswer);
+    error = server_->listen(host_, address->port);
+    if (!error.empty()) {
         server_.reset();
-        return "--http: cannot listen on " + text + ": " +
-               (failure == EADDRINUSE ? "the port is in use (another " + messages_.program() +
-                                            ", or another program, listens there)"
-                                      : std::system_category().message(failure));
-    }
-    server_->widen_backlog();
-    if (address.port != 0)
-        port_ = address.port;
-    listener_ = std::thread([this] {
-        try {
-            server_->listen_after_bind();
-        } catch (const std::exception& e) {
-            messages_.say(std::string("live view: ") + e.what());
+        if (error.find("in use") != std::string::npos) {
+            return "--http: cannot listen on " + text + ": the port is in use (another " +
+                   messages_.program() + ", or another program, listens there)";
         }
-    });
+        return "--http: " + error;
+    }
     return "";
 }
 
 std::string LiveView::url() const
 {
     const std::string host = host_.find(':') != std::string::npos ? "[" + host_ + "]" : host_;
-    return "http://" + host + ":" + std::to_string(port_) + "/" +
+    return "http://" + host + ":" + std::to_string(server_ ? server_->port() : 0) + "/" +
            (guard_->token().empty() ? "" : "?token=" + guard_->token());
 }
 
@@ -247,64 +219,105 @@ void LiveView::attach(Script& script)
 
 void LiveView::stop()
 {
-    history_.stop();
+    history_->stop();
     if (server_)
         server_->stop();
-    if (listener_.joinable())
-        listener_.join();
 }
 
-void LiveView::events(httplib::Response& response)
+// Before any byte of a body is read: another site gets 403, a request
+// without the secret 401.
+std::optional<live::Response> LiveView::guard(const live::Request& request) const
+{
+    const std::optional<std::string> origin =
+        request.has_header("Origin") ? std::optional<std::string>(request.header("Origin"))
+                                     : std::nullopt;
+    if (!guard_->allowed(request.header("Host"), origin))
+        return text(403, "another site may not use this terminal's live view\n");
+    if (guard_->secret(request.query("token"), request.header("Cookie"),
+                       request.header("Authorization")) == Guard::Secret::missing) {
+        return text(401, "this live view needs its secret: open the address that " +
+                             messages_.program() + " printed\n");
+    }
+    return std::nullopt;
+}
+
+live::Response LiveView::route(const live::Request& request)
+{
+    live::Response response = text(404, "no such page\n");
+    if (request.method == "GET") {
+        for (const web::Asset& asset : web::assets) {
+            if (request.path != asset.path)
+                continue;
+            // The embedded bytes are the page's text.
+            response = text(200, std::string(asset.data, asset.data + asset.size));
+            response.content_type = asset.type;
+            response.headers.emplace_back("Cache-Control", "no-cache");
+        }
+        if (request.path == "/info")
+            response = info();
+        else if (request.path == "/state")
+            response = state();
+        else if (request.path == "/events")
+            response = events();
+    } else if (request.method == "POST" && request.path == "/command") {
+        response = command(request.body);
+    }
+    // The address as printed carries the secret: the page keeps it as a
+    // same-site cookie, which its own requests carry.
+    if (guard_->secret(request.query("token"), "", "") == Guard::Secret::in_query)
+        response.headers.emplace_back("Set-Cookie", guard_->cookie());
+    return response;
+}
+
+live::Response LiveView::events()
 {
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (streams_ >= kMostStreams) {
-            set_text(response, 503,
-                     "too many pages: the live view streams to " + std::to_string(kMostStreams) +
-                         " at once\n");
-            return;
+        std::lock_guard<std::mutex> lock(streams_->mutex);
+        if (streams_->open >= kMostStreams) {
+            return text(503, "too many pages: the live view streams to " +
+                                 std::to_string(kMostStreams) + " at once\n");
         }
-        ++streams_;
+        ++streams_->open;
     }
-    response.set_header("Cache-Control", "no-cache");
-    response.set_chunked_content_provider(
-        "text/event-stream",
-        [this, next = history_.first(), quiet_since = std::chrono::steady_clock::now()](
-            std::size_t, httplib::DataSink& sink) mutable {
-            const std::optional<std::vector<History::Event>> events =
-                history_.read(next, kStreamCheck);
-            // A page that fell behind the history is dropped.
-            if (!events)
-                return false;
-            const auto now = std::chrono::steady_clock::now();
-            if (events->empty()) {
-                // Back to the library, which ends the stream if the page has
-                // gone; a comment line now and then keeps the connection.
-                if (now - quiet_since < kHeartbeat)
-                    return true;
-                quiet_since = now;
-                return sink.write(": \n\n", 3);
+    live::Response response;
+    response.content_type = "text/event-stream";
+    response.headers.emplace_back("Cache-Control", "no-cache");
+    auto position = std::make_shared<StreamPosition>();
+    position->next = history_->first();
+    response.stream = live::Stream{
+        [history = history_, position](char* buffer, std::size_t room) -> std::ptrdiff_t {
+            std::size_t copied = copy_waiting(*position, buffer, room);
+            if (copied == 0) {
+                // A page that fell behind the history is dropped.
+                std::optional<std::vector<History::Event>> events =
+                    history->read(position->next, kStreamWait);
+                if (!events)
+                    return -1;
+                position->waiting.assign(events->begin(), events->end());
+                copied = copy_waiting(*position, buffer, room);
             }
-            quiet_since = now;
-            const bool sent =
-                std::all_of(events->begin(), events->end(), [&sink](const History::Event& event) {
-                    return sink.write(event->data(), event->size());
-                });
-            if (sent)
-                std::this_thread::sleep_for(kStreamBatch);
-            return sent;
+            const auto now = std::chrono::steady_clock::now();
+            if (copied == 0 && now - position->last_sent >= kHeartbeat &&
+                room >= kHeartbeatLine.size()) {
+                std::copy(kHeartbeatLine.begin(), kHeartbeatLine.end(), buffer);
+                copied = kHeartbeatLine.size();
+            }
+            if (copied > 0)
+                position->last_sent = now;
+            return static_cast<std::ptrdiff_t>(copied);
         },
-        [this](bool) {
-            std::lock_guard<std::mutex> lock(mutex_);
-            --streams_;
-        });
+        [streams = streams_] {
+            std::lock_guard<std::mutex> lock(streams->mutex);
+            --streams->open;
+        }};
+    return response;
 }
 
 // 200: the line ran (and its expectation, if any, was met); 400: not a
 // command; 409: an action refused here; 422: an expectation not met; 503:
 // the terminal still starts, or the script stayed busy with another line.
 // The body says why.
-void LiveView::command(std::string line, httplib::Response& response)
+live::Response LiveView::command(std::string line)
 {
     while (!line.empty() && (line.back() == '\n' || line.back() == '\r'))
         line.pop_back();
@@ -313,14 +326,12 @@ void LiveView::command(std::string line, httplib::Response& response)
         std::lock_guard<std::mutex> lock(mutex_);
         script = script_;
     }
-    if (script == nullptr) {
-        set_text(response, 503, "the terminal is still starting\n");
-        return;
-    }
-    if (line.find('\n') != std::string::npos) {
-        set_text(response, 400, "one line at a time\n");
-        return;
-    }
+    if (script == nullptr)
+        return text(503, "the terminal is still starting\n");
+    if (line.find('\n') != std::string::npos)
+        return text(400, "one line at a time\n");
+    if (line.find('\0') != std::string::npos)
+        return text(400, "a command is text: it holds no NUL byte\n");
     const Script::Outcome outcome =
         script->run_posted(line, kLongestPostedWait, kLongestScriptWait);
     using Kind = Script::Outcome::Kind;
@@ -332,10 +343,10 @@ void LiveView::command(std::string line, httplib::Response& response)
         case Kind::unmet: status = 422; break;
         case Kind::busy: status = 503; break;
     }
-    set_text(response, status, outcome.kind == Kind::ran ? "" : outcome.text + "\n");
+    return text(status, outcome.kind == Kind::ran ? "" : outcome.text + "\n");
 }
 
-void LiveView::info(httplib::Response& response) const
+live::Response LiveView::info() const
 {
     auto value = [this](const char* module, const char* key) {
         std::string text;
@@ -364,10 +375,13 @@ void LiveView::info(httplib::Response& response) const
     for (const simulator::Side side : simulator::kSides)
         turns[std::string(simulator::side_name(side))] = lines::compact(lines::turn_command(side));
     info["turns"] = turns;
-    response.set_content(lines::compact(info), "application/json");
+    // The page's own bounds: how many events it lists, how many records.
+    info["most_events"] = kHistoryLines;
+    info["newest_records"] = kNewestRecords;
+    return json(info);
 }
 
-void LiveView::state(httplib::Response& response)
+live::Response LiveView::state()
 {
     // The plug-in's own answers, asked without printing: a read changes
     // nothing in the output, in a recording or in a script's window. A value
@@ -396,11 +410,9 @@ void LiveView::state(httplib::Response& response)
         body["access_events"] = dump_records(database_, "access_events", kNewestRecords);
         body["access_logs"] = dump_records(database_, "access_logs", kNewestRecords);
     } catch (const std::exception& e) {
-        set_text(response, 500, std::string("the records cannot be read: ") + e.what() + "\n");
-        return;
+        return text(500, std::string("the records cannot be read: ") + e.what() + "\n");
     }
-    response.set_header("Cache-Control", "no-cache");
-    response.set_content(lines::compact(body), "application/json");
+    return json(body);
 }
 
 }  // namespace terminal

@@ -72,13 +72,14 @@ void Recorder::finish()
 
 void Recorder::write_expectations()
 {
-    const std::vector<Json> printed = window_.since_mark();
-    for (std::size_t i = written_; i < printed.size(); ++i) {
-        Json expected = expectation_for(printed[i]);
+    const Printed printed = window_.since_mark();
+    for (std::size_t i = std::max(written_, printed.dropped);
+         i < printed.dropped + printed.lines.size(); ++i) {
+        Json expected = expectation_for(printed.lines[i - printed.dropped]);
         if (!expected.is_null())
             file_.write(expect(std::move(expected)));
     }
-    written_ = std::max(written_, printed.size());
+    written_ = std::max(written_, printed.dropped + printed.lines.size());
 }
 
 }  // namespace terminal

@@ -135,7 +135,9 @@ Script::Outcome Script::run_posted(const std::string& line, std::chrono::millise
     }
     const std::chrono::milliseconds script_longest = grammar_.longest_wait;
     grammar_.longest_wait = longest_wait;
+    counting_ = false;
     Outcome outcome = run_line(line, 0);
+    counting_ = true;
     grammar_.longest_wait = script_longest;
     return outcome;
 }
@@ -146,8 +148,37 @@ Script::Tally Script::tally() const
     return tally_;
 }
 
+// What is running, for a stop that cuts it short.
+class Script::Running {
+public:
+    Running(Script& script, const std::string& text) : script_(script)
+    {
+        std::lock_guard<std::mutex> lock(script_.tally_mutex_);
+        script_.running_ = text;
+    }
+    ~Running()
+    {
+        std::lock_guard<std::mutex> lock(script_.tally_mutex_);
+        script_.running_.clear();
+    }
+    Running(const Running&) = delete;
+    Running& operator=(const Running&) = delete;
+
+private:
+    Script& script_;
+};
+
+std::string Script::running() const
+{
+    std::lock_guard<std::mutex> lock(tally_mutex_);
+    return running_;
+}
+
 Script::Outcome Script::run_line(const std::string& line, int number)
 {
+    constexpr std::size_t kShown = 60;
+    const Running now_running(
+        *this, where(number) + (line.size() > kShown ? line.substr(0, kShown) + "..." : line));
     Outcome outcome;
     try {
         const std::optional<lines::Command> command = lines::parse_command(line, grammar_);
@@ -160,7 +191,8 @@ Script::Outcome Script::run_line(const std::string& line, int number)
     } catch (const Unmet& e) {
         // An unmet expectation is reported, and counted, where it is met or
         // not: the line itself ran.
-        report(where(number) + e.what());
+        if (counting_)
+            report(where(number) + e.what());
         return {Outcome::Kind::unmet, e.what()};
     } catch (const Refused& e) {
         outcome = {Outcome::Kind::refused, e.what()};
@@ -168,7 +200,8 @@ Script::Outcome Script::run_line(const std::string& line, int number)
         outcome = {Outcome::Kind::bad, e.what()};
     }
     std::lock_guard<std::mutex> lock(tally_mutex_);
-    ++tally_.bad_lines;
+    if (counting_)
+        ++tally_.bad_lines;
     return outcome;
 }
 
@@ -270,36 +303,33 @@ void Script::follow(const lines::Command& command)
         }
         case Verb::expect: {
             const auto& look = std::get<lines::Look>(command.arguments);
-            {
-                std::lock_guard<std::mutex> lock(tally_mutex_);
-                ++tally_.expectations;
-            }
+            count(&Script::Tally::expectations);
             Json found;
             if (!parts_.window.wait_for(look.pattern, look.time, &found)) {
+                const Printed printed = parts_.window.since_mark();
                 throw Unmet("expect " + lines::compact(look.pattern) + ": no such line within " +
-                            ms_text(look.time) +
-                            nearest_lines(parts_.window.since_mark(), look.pattern));
+                            ms_text(look.time) + nearest_lines(printed.lines, look.pattern) +
+                            (printed.dropped == 0 ? ""
+                                                  : "\n    (" + std::to_string(printed.dropped) +
+                                                        " older lines no longer kept)"));
             }
-            std::lock_guard<std::mutex> lock(tally_mutex_);
-            ++tally_.met;
-            if (lines::kind_of(found) == lines::Kind::init_failed)
+            count(&Script::Tally::met);
+            if (counting_ && lines::kind_of(found) == lines::Kind::init_failed) {
+                std::lock_guard<std::mutex> lock(tally_mutex_);
                 tally_.init_failure_expected = true;
+            }
             break;
         }
         case Verb::expect_none: {
             const auto& look = std::get<lines::Look>(command.arguments);
-            {
-                std::lock_guard<std::mutex> lock(tally_mutex_);
-                ++tally_.expectations;
-            }
+            count(&Script::Tally::expectations);
             Json found;
             if (parts_.window.wait_for(look.pattern, look.time, &found)) {
                 throw Unmet("expect_none " + lines::compact(look.pattern) + ": printed within " +
                             ms_text(look.time) + " since the last action:\n    " +
                             lines::compact(found));
             }
-            std::lock_guard<std::mutex> lock(tally_mutex_);
-            ++tally_.met;
+            count(&Script::Tally::met);
             break;
         }
         default: break;
@@ -329,6 +359,14 @@ std::string Script::where(int number) const
     if (parts_.source.empty())
         return "line " + std::to_string(number) + ": ";
     return parts_.source + ":" + std::to_string(number) + ": ";
+}
+
+void Script::count(int Tally::*counter)
+{
+    if (!counting_)
+        return;
+    std::lock_guard<std::mutex> lock(tally_mutex_);
+    ++(tally_.*counter);
 }
 
 void Script::report(const std::string& text)

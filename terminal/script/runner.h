@@ -79,8 +79,8 @@ public:
     // Runs a line posted from outside the script (the live view), between
     // the script's lines: it waits at most `longest_wait` in the line (longer
     // waits are bad) and at most `script_wait` for the line that runs before
-    // it (busy). Its errors are answered, not reported; an unmet expectation
-    // is reported and counted, as in a script.
+    // it (busy). What becomes of it is answered, never reported or counted:
+    // a person's lines do not change the session's result.
     Outcome run_posted(const std::string& line, std::chrono::milliseconds longest_wait,
                        std::chrono::milliseconds script_wait);
 
@@ -94,9 +94,13 @@ public:
         std::vector<std::string> reasons;
     };
     Tally tally() const;
+    // The line that runs now, with where it stands ("FILE:3: {...}"); empty
+    // when none does.
+    std::string running() const;
 
 private:
     class Turn;
+    class Running;
 
     // Runs one line; `number` 0 for a posted line. REQUIRES: the line's turn.
     Outcome run_line(const std::string& line, int number);
@@ -108,15 +112,19 @@ private:
     // and waits and expectations look from here on.
     void begin_action();
     std::string where(int number) const;
+    // Counts in the tally, unless the line is posted.
+    void count(int Tally::*counter);
     void report(const std::string& text);
 
     Parts parts_;
     LineObserver* observer_ = nullptr;
     std::string refusal_;     // why actions are refused; empty: they run
     lines::Grammar grammar_;  // with the line's turn
+    bool counting_ = true;    // with the line's turn: false for a posted line
 
     mutable std::mutex tally_mutex_;
-    Tally tally_;  // guarded by tally_mutex_
+    Tally tally_;          // guarded by tally_mutex_
+    std::string running_;  // guarded by tally_mutex_
 
     // One line runs at a time, from whichever thread: a line takes the turn
     // for as long as it runs.

@@ -1,5 +1,7 @@
 #include "script/window.h"
 
+#include <algorithm>
+
 #include "script/matcher.h"
 
 namespace terminal {
@@ -8,7 +10,7 @@ Window::Window(lines::Output& output)
     : output_(output), subscription_(output.subscribe([this](const Json& line) {
           {
               std::lock_guard<std::mutex> lock(mutex_);
-              since_mark_.push_back(line);
+              keep(line);
           }
           printed_.notify_all();
       }))
@@ -20,10 +22,27 @@ Window::~Window()
     output_.unsubscribe(subscription_);
 }
 
+void Window::keep(const Json& line)
+{
+    const std::size_t size = lines::compact(line).size();
+    kept_.push_back(line);
+    sizes_.push_back(size);
+    bytes_ += size;
+    while (kept_.size() > kMostLines || (kept_.size() > 1 && bytes_ > kMostBytes)) {
+        bytes_ -= sizes_.front();
+        kept_.pop_front();
+        sizes_.pop_front();
+        ++dropped_;
+    }
+}
+
 void Window::mark()
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    since_mark_.clear();
+    kept_.clear();
+    sizes_.clear();
+    bytes_ = 0;
+    dropped_ = 0;
 }
 
 bool Window::wait_for(const Json& pattern, std::chrono::milliseconds timeout, Json* found)
@@ -36,23 +55,24 @@ bool Window::wait_until(const std::function<bool(const Json&)>& wanted,
                         std::chrono::milliseconds timeout, Json* found)
 {
     std::unique_lock<std::mutex> lock(mutex_);
-    std::size_t looked_at = 0;  // lines before this one did not match
+    std::size_t looked_at = 0;  // lines before this one (since the mark) did not match
     const bool seen = printed_.wait_for(lock, timeout, [&] {
-        for (; looked_at < since_mark_.size(); ++looked_at) {
-            if (wanted(since_mark_[looked_at]))
+        looked_at = std::max(looked_at, dropped_);
+        for (; looked_at < dropped_ + kept_.size(); ++looked_at) {
+            if (wanted(kept_[looked_at - dropped_]))
                 return true;
         }
         return false;
     });
     if (seen && found != nullptr)
-        *found = since_mark_[looked_at];
+        *found = kept_[looked_at - dropped_];
     return seen;
 }
 
-std::vector<Json> Window::since_mark() const
+Printed Window::since_mark() const
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    return {since_mark_.begin(), since_mark_.end()};
+    return {dropped_, {kept_.begin(), kept_.end()}};
 }
 
 }  // namespace terminal

@@ -3,9 +3,13 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <condition_variable>
+#include <csignal>
 #include <ctime>
 #include <functional>
 #include <iostream>
+#include <memory>
+#include <mutex>
 #include <thread>
 
 #include "ac_dal/ac_dal.h"
@@ -105,13 +109,47 @@ Session::Session(const Options& options, const lines::Messages& messages)
 
 Session::~Session() = default;
 
+int Session::play()
+{
+    // Quick, and before any thread of the session's: a signal that comes
+    // meanwhile waits for the watch below.
+    if (!prepare())
+        return end();
+    // Whichever comes first: the steps' end, or a stop signal.
+    struct Ending {
+        std::mutex mutex;
+        std::condition_variable came;
+        bool steps_over = false;  // guarded by mutex
+        int signal = 0;           // guarded by mutex
+    };
+    auto ending = std::make_shared<Ending>();
+    std::thread([this, ending] {
+        const int signal = stop_signals_.wait();
+        std::lock_guard<std::mutex> lock(ending->mutex);
+        ending->signal = signal;
+        ending->came.notify_all();
+    }).detach();
+    // The steps' thread is left to the end of the process when a signal
+    // stops the session: it may be waiting anywhere, on standard input too.
+    std::thread([this, ending] {
+        const bool over = !start_plugin() || run();
+        if (!over)
+            return;
+        std::lock_guard<std::mutex> lock(ending->mutex);
+        ending->steps_over = true;
+        ending->came.notify_all();
+    }).detach();
+    std::unique_lock<std::mutex> lock(ending->mutex);
+    ending->came.wait(lock, [&] { return ending->steps_over || ending->signal != 0; });
+    if (ending->signal != 0) {
+        stop_signals_.end_at_once_on_next(messages_);
+        stopped_by(ending->signal);
+    }
+    return end();
+}
+
 bool Session::prepare()
 {
-    // With the live view the terminal runs until stopped: the stop signals
-    // are blocked before any thread starts, and taken by sigwait.
-    if (!options_.http.empty())
-        stop_signals_.emplace();
-
     if (!options_.script.empty()) {
         script_file_.open(options_.script);
         if (!script_file_) {
@@ -195,6 +233,8 @@ bool Session::start_plugin()
     fail("the plug-in did not start: " + error);
     init_failed_ = true;
     script_->refuse_actions("the plug-in did not start");
+    if (!options_.script.empty())
+        script_->run(script_file_);
     return false;
 }
 
@@ -213,31 +253,39 @@ void Session::wait_for_start_up()
         recorder_->start_up_over();
 }
 
-void Session::run()
+bool Session::run()
 {
-    if (init_failed_) {
-        if (!options_.script.empty())
-            script_->run(script_file_);
-        return;
-    }
     const simulator::Turnstile* turnstile =
         controller_ != nullptr ? &controller_->turnstile : nullptr;
     std::istream& input = options_.script.empty() ? std::cin : script_file_;
-    if (!live_view_) {
-        script_->run(input);
-        settle(*output_, turnstile);
-        return;
-    }
-    // The script runs beside the live view; the terminal ends on SIGINT or
-    // SIGTERM, even while the script still reads its input.
-    live_view_->attach(*script_);
-    std::thread script_thread([this, &input] { script_->run(input); });
-    script_thread.detach();
-    const int signal = stop_signals_->wait();
-    stop_signals_->end_at_once_on_next(messages_);
-    messages_.say(std::string("stopping on ") + (signal == SIGINT ? "SIGINT" : "SIGTERM"));
-    live_view_->stop();
+    if (live_view_)
+        live_view_->attach(*script_);
+    script_->run(input);
+    if (live_view_)
+        return false;
     settle(*output_, turnstile);
+    return true;
+}
+
+void Session::stopped_by(int signal)
+{
+    stopped_by_ = signal;
+    std::string cut;
+    const auto add = [&cut](const std::string& what) { cut += (cut.empty() ? "" : "; ") + what; };
+    if (controller_ != nullptr) {
+        if (const auto deadline = controller_->turnstile.release_deadline()) {
+            const auto left =
+                std::chrono::duration_cast<std::chrono::seconds>(*deadline - Clock::now());
+            add("a release still pending (it would give up in " + std::to_string(left.count()) +
+                " s)");
+        }
+    }
+    if (script_ != nullptr && !script_->running().empty())
+        add("a line still running: " + script_->running());
+    const std::string said = std::string("stopped by ") +
+                             (signal == SIGINT ? "SIGINT" : "SIGTERM") +
+                             (cut.empty() ? "" : ", cutting short " + cut);
+    fail(said);
 }
 
 int Session::end()
@@ -262,19 +310,25 @@ int Session::end()
     if (controller_ != nullptr)
         controller_->turnstile.stop();
     std::cout.flush();
+    if (stopped_by_ != 0)
+        return 128 + stopped_by_;
     return outcome.passed ? 0 : 1;
 }
 
 void Session::fail(const std::string& reason)
 {
     messages_.say(reason);
+    std::lock_guard<std::mutex> lock(failures_mutex_);
     failures_.push_back(reason);
 }
 
 SessionResult Session::result() const
 {
     SessionResult outcome;
-    outcome.reasons = failures_;
+    {
+        std::lock_guard<std::mutex> lock(failures_mutex_);
+        outcome.reasons = failures_;
+    }
     outcome.init_failed = init_failed_;
     if (script_ == nullptr)
         return outcome;
@@ -283,7 +337,7 @@ SessionResult Session::result() const
     outcome.met = tally.met;
     outcome.bad_lines = tally.bad_lines;
     outcome.reasons.insert(outcome.reasons.end(), tally.reasons.begin(), tally.reasons.end());
-    outcome.passed = prepared_ && tally.met == tally.expectations;
+    outcome.passed = prepared_ && stopped_by_ == 0 && tally.met == tally.expectations;
     if (init_failed_)
         outcome.passed = outcome.passed && tally.init_failure_expected && tally.bad_lines == 0;
     return outcome;

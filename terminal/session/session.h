@@ -1,13 +1,16 @@
 // One run of catra-terminal, step by step: the services prepared, the
 // plug-in started, the commands run once its start-up is over, and the end,
 // which lets what the commands started finish and gives the session's result.
-// Only main() ends the process.
+// SIGINT or SIGTERM stops it at any step, within a second. Only main() ends
+// the process.
 #pragma once
 
+#include <atomic>
 #include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "bus/observers.h"
 #include "lines/messages.h"
@@ -27,10 +30,20 @@ namespace terminal {
 
 class Session {
 public:
+    // Blocks the stop signals. REQUIRES: no other thread runs yet.
     Session(const Options& options, const lines::Messages& messages);
     ~Session();
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
+
+    // Plays the steps below on a thread of their own until they end (with the
+    // live view: until stopped), or until SIGINT or SIGTERM stops the
+    // session; then the end, at once. Returns the exit status: 0 when the
+    // session passed, 128 + the signal's number when it was stopped.
+    int play();
+
+private:
+    struct SimulatedController;
 
     // Everything but the plug-in: configuration, database, output, live view,
     // simulated controller, script and recorder. False when one of them
@@ -42,16 +55,15 @@ public:
     // are refused from then on.
     bool start_plugin();
     // Runs the commands: the script, or standard input (after a failed init,
-    // only a script); with the live view, also the lines posted to it, until
-    // SIGINT or SIGTERM.
-    void run();
-    // Lets what the last commands started finish, and gives the session's
-    // result: written to the --result file, or its tally printed. Returns the
-    // exit status: 0 when it passed.
+    // only a script), and lets what they started finish. False when the
+    // session goes on after them: with the live view, the lines posted to it
+    // run until the session is stopped.
+    bool run();
+    // Gives the session's result: written to the --result file, or its tally
+    // printed. Returns the exit status.
     int end();
-
-private:
-    struct SimulatedController;
+    // The session stopped by that signal: what it cut short, in one line.
+    void stopped_by(int signal);
 
     // Waits until the plug-in's default mode command is answered and
     // published and all that the start-up set going has settled; bounded.
@@ -61,7 +73,8 @@ private:
 
     const Options& options_;
     const lines::Messages& messages_;
-    std::optional<StopSignals> stop_signals_;
+    StopSignals stop_signals_;
+    int stopped_by_ = 0;  // the signal that stopped the session; 0: none
     std::ifstream script_file_;
     std::unique_ptr<lines::Output> output_;
     std::unique_ptr<Window> window_;
@@ -72,9 +85,10 @@ private:
     std::unique_ptr<Recorder> recorder_;
     std::unique_ptr<standin::PluginHost> plugin_;
     bool prepared_ = false;
-    bool init_failed_ = false;
+    std::atomic<bool> init_failed_{false};
     // Why the session failed outside its script's lines, in order.
-    std::vector<std::string> failures_;
+    mutable std::mutex failures_mutex_;
+    std::vector<std::string> failures_;  // guarded by failures_mutex_
 };
 
 }  // namespace terminal

@@ -7,11 +7,11 @@
 const STATES = ['blocked', 'free anticlockwise', 'free clockwise', 'free both ways'];
 const EXCEPTION_MODES = {0: '0 none', 1: '1 free both ways', 2: '2 blocked', free: '1 free both ways',
   blocked: '2 blocked'};
-const MOST_EVENTS = 1000;
-const NEWEST_RECORDS = 10;
 
 const $ = (id) => document.getElementById(id);
 let kinds = [];  // from /info: the kinds of output line, for the filters
+let mostEvents = 0;  // from /info: the events listed
+let newestRecords = 0;  // from /info: the records shown
 const shown = new Set();
 let releases = 0;
 let refreshTimer = null;
@@ -114,7 +114,7 @@ function row(values) {
 // Rows newest first.
 function showRows(id, rows, columns) {
   const body = $(id).querySelector('tbody');
-  body.replaceChildren(...rows.slice(0, NEWEST_RECORDS).map(
+  body.replaceChildren(...rows.slice(0, newestRecords).map(
       (r) => row(columns.map((c) => c === 'timestamp' || c === 'time' ? time(r[c]) : r[c]))));
 }
 
@@ -146,7 +146,7 @@ function addEvent(event) {
   item.append(label, event.text);
   const list = $('events');
   list.insertBefore(item, list.firstChild);
-  while (list.childElementCount > MOST_EVENTS) list.lastChild.remove();
+  while (list.childElementCount > mostEvents) list.lastChild.remove();
 }
 
 function buildFilters() {
@@ -198,6 +198,8 @@ function connect() {
 async function learn() {
   const info = await (await fetch('/info')).json();
   kinds = info.kinds;
+  mostEvents = info.most_events;
+  newestRecords = info.newest_records;
   buildFilters();
   showOperationMode(info.operation_mode);
   showExceptionMode(info.exception_mode);
