@@ -5,6 +5,8 @@
 // the configuration names a controller device, and runs the commands of a
 // script or of standard input, printing everything that happens. With
 // --check it checks scenarios instead, each in a terminal of its own.
+#include <malloc.h>
+
 #include <csignal>
 #include <filesystem>
 #include <iostream>
@@ -31,6 +33,10 @@ int main(int argc, char** argv)
 {
     // A reader that goes away (a page, a pipe) must not end the terminal.
     std::signal(SIGPIPE, SIG_IGN);
+    // The live view serves each connection on a thread of its own, and a
+    // posted line runs on it: with an allocation arena per thread, each would
+    // keep what one large dump took. Two arenas bound what is kept.
+    mallopt(M_ARENA_MAX, 2);
     const lines::Messages messages("catra-terminal");
     terminal::Options options;
     if (const auto code = terminal::parse_options(messages.program(), argc, argv, options))

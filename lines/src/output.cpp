@@ -9,14 +9,15 @@ Output::Output(std::FILE* stream, Style style)
 
 void Output::emit(const Json& line)
 {
+    const std::string json = compact(line);
     std::lock_guard<std::mutex> lock(mutex_);
-    print(line);
+    print(line, json);
     last_ = std::chrono::steady_clock::now();
     for (const auto& subscriber : subscribers_)
-        subscriber.second(line);
+        subscriber.second(line, json);
 }
 
-int Output::subscribe(std::function<void(const Json&)> subscriber)
+int Output::subscribe(Subscriber subscriber)
 {
     std::lock_guard<std::mutex> lock(mutex_);
     subscribers_.emplace(next_subscriber_, std::move(subscriber));
@@ -35,10 +36,12 @@ std::chrono::steady_clock::duration Output::quiet_time() const
     return std::chrono::steady_clock::now() - last_;
 }
 
-void Output::print(const Json& line)
+void Output::print(const Json& line, const std::string& json)
 {
-    const std::string text = style_ == Style::json ? compact(line) : readable(line);
-    std::fputs(text.c_str(), stream_);
+    if (style_ == Style::json)
+        std::fputs(json.c_str(), stream_);
+    else
+        std::fputs(readable(line).c_str(), stream_);
     std::fputc('\n', stream_);
     std::fflush(stream_);
 }

@@ -143,7 +143,8 @@ LiveView::LiveView(lines::Output& output, const standin::Config& config,
       messages_(messages),
       history_(std::make_shared<History>(kHistoryLines, kHistoryBytes))
 {
-    subscription_ = output_.subscribe([this](const Json& line) { publish(line); });
+    subscription_ = output_.subscribe(
+        [this](const Json& line, const std::string& json) { publish(line, json); });
 }
 
 LiveView::~LiveView()
@@ -154,30 +155,28 @@ LiveView::~LiveView()
 
 // Called for every printed line under the output's lock: it only adds the
 // line to the history, as the event the streams send.
-void LiveView::publish(const Json& line)
+void LiveView::publish(const Json& line, const std::string& json)
 {
     // Each event is the line as printed with --json, with its kind, label
     // and text as the terminal tells it, so that the page tells it alike,
-    // and what it changes of what the page shows.
+    // and what it changes of what the page shows. A line too long for the
+    // page (a dump of many records, say) is left out and its text cut,
+    // saying how long it was.
     const lines::Told told = lines::tell(line);
     Json event;
     event["kind"] = lines::name_of(lines::kind_of(line));
     event["label"] = told.label;
-    event["text"] = told.text;
-    event["line"] = line;
+    const bool too_long = json.size() > kLongestEvent;
+    event["text"] = too_long ? told.text.substr(0, kLongestEvent / 2) + " [cut: the line was " +
+                                   std::to_string(json.size()) + " bytes]"
+                             : told.text;
     const Json changes = shows(line);
     if (!changes.is_null())
         event["shows"] = changes;
+    // The line itself goes in as it was printed, not copied again.
     std::string data = lines::compact(event);
-    if (data.size() > kLongestEvent) {
-        // A line too long for the page (a dump of many records, say): its
-        // text is cut, and the line itself left out, saying how long it was.
-        const std::size_t length = data.size();
-        std::string cut = told.text.substr(0, kLongestEvent / 2);
-        event["text"] = cut + " [cut: the line was " + std::to_string(length) + " bytes]";
-        event["line"] = nullptr;
-        data = lines::compact(event);
-    }
+    data.pop_back();
+    data += ",\"line\":" + (too_long ? std::string("null") : json) + "}";
     history_->add("data: " + data + "\n\n");
 }
 

@@ -84,7 +84,7 @@ public:
     void stop();
 
 private:
-    void publish(const lines::Json& line);
+    void publish(const lines::Json& line, const std::string& json);
     std::optional<live::Response> guard(const live::Request& request) const;
     live::Response route(const live::Request& request);
     live::Response events();

@@ -1,5 +1,7 @@
 #include "script/runner.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <istream>
 #include <memory>
@@ -288,6 +290,9 @@ void Script::follow(const lines::Command& command)
             } catch (const UnknownRecords& e) {
                 throw CommandError(e.what());
             }
+            // A dump of many records takes much memory for a moment: give it
+            // back, so that the terminal holds no more after it than before.
+            malloc_trim(0);
             break;
         }
         case Verb::note:

@@ -7,10 +7,11 @@
 namespace terminal {
 
 Window::Window(lines::Output& output)
-    : output_(output), subscription_(output.subscribe([this](const Json& line) {
+    : output_(output),
+      subscription_(output.subscribe([this](const Json& line, const std::string& json) {
           {
               std::lock_guard<std::mutex> lock(mutex_);
-              keep(line);
+              keep(line, json.size());
           }
           printed_.notify_all();
       }))
@@ -22,13 +23,17 @@ Window::~Window()
     output_.unsubscribe(subscription_);
 }
 
-void Window::keep(const Json& line)
+void Window::keep(const Json& line, std::size_t size)
 {
-    const std::size_t size = lines::compact(line).size();
+    if (size > kMostBytes) {
+        // Longer than the whole window (a dump of many records): not kept.
+        ++dropped_;
+        return;
+    }
     kept_.push_back(line);
     sizes_.push_back(size);
     bytes_ += size;
-    while (kept_.size() > kMostLines || (kept_.size() > 1 && bytes_ > kMostBytes)) {
+    while (kept_.size() > kMostLines || bytes_ > kMostBytes) {
         bytes_ -= sizes_.front();
         kept_.pop_front();
         sizes_.pop_front();

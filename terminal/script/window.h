@@ -25,8 +25,9 @@ struct Printed {
 class Window {
 public:
     // The window keeps at most the last 10000 lines since the mark, or as
-    // many as fit in 8 MiB (the newest always): a long stretch without an
-    // action (notes, dumps, a real controller's events) holds no more.
+    // many as fit in 8 MiB: a long stretch without an action (notes, dumps, a
+    // real controller's events) holds no more, and a line longer than that
+    // (a dump of many records) is not kept at all.
     static constexpr std::size_t kMostLines = 10000;
     static constexpr std::size_t kMostBytes = std::size_t{8} * 1024 * 1024;
 
@@ -56,7 +57,8 @@ private:
     int subscription_;
     mutable std::mutex mutex_;
     std::condition_variable printed_;
-    void keep(const Json& line);  // REQUIRES: mutex_ held
+    // Keeps a line of that size in bytes. REQUIRES: mutex_ held
+    void keep(const Json& line, std::size_t size);
 
     // Line N since the mark is kept_[N - dropped_]. Guarded by mutex_.
     std::deque<Json> kept_;

@@ -26,14 +26,18 @@ public:
     // Time since the last line was printed.
     std::chrono::steady_clock::duration quiet_time() const;
 
+    // A follower of the output: each line, and the same line as one JSON text
+    // (compact()), made once for every follower.
+    using Subscriber = std::function<void(const Json& line, const std::string& json)>;
+
     // Calls `subscriber` with each line from now on, in printing order, under
     // the output's lock. REQUIRES: the subscriber is quick, never blocks and
     // never emits. Returns the id that unsubscribe takes.
-    int subscribe(std::function<void(const Json&)> subscriber);
+    int subscribe(Subscriber subscriber);
     void unsubscribe(int id);
 
 private:
-    void print(const Json& line);  // REQUIRES: mutex_ held
+    void print(const Json& line, const std::string& json);  // REQUIRES: mutex_ held
 
     std::FILE* stream_;
     const Style style_;
@@ -41,7 +45,7 @@ private:
     std::chrono::steady_clock::time_point last_;  // guarded by mutex_
 
     // Guarded by mutex_.
-    std::map<int, std::function<void(const Json&)>> subscribers_;
+    std::map<int, Subscriber> subscribers_;
     int next_subscriber_ = 0;
 };
 
