@@ -47,8 +47,8 @@ if(CATRA_BUILD_TERMINAL)
   install(FILES docs/terminal.md docs/integration.md
           DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/catra-terminal" COMPONENT terminal)
 
-  # catra-simulator: the simulated turnstile controller on a real line.
-  set_target_properties(catra-simulator PROPERTIES INSTALL_RPATH "$ORIGIN/${catra_terminal_rpath}")
+  # catra-simulator: the simulated turnstile controller on a real line (it
+  # needs no library of the project's at run time).
   install(TARGETS catra-simulator RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT terminal)
   catra_install_strip(terminal "${CMAKE_INSTALL_BINDIR}/catra-simulator")
   install(FILES docs/simulator.md

@@ -24,7 +24,7 @@
 
 #include "catra_internal.h"
 #include "fuzz_support.h"
-#include "standin/standin.h"
+#include "standin/clock.h"
 
 namespace {
 

@@ -2,7 +2,8 @@
 # Builds the default preset's benchmarks and prints their figures, each beside
 # the floor measured in the same run: event and release latency (median and
 # 99th percentile over RUNS runs), idle wake-ups per second with
-# "select_timeout" 1000, and the terminal's peak memory over PASSAGES passages.
+# "select_timeout" 1000, the terminal's peak memory over PASSAGES passages, and
+# a letter's latency to 10 pages of the live view.
 # Figures depend on the machine; nothing is asserted.
 #
 #   scripts/bench.sh [RUNS] [PASSAGES]      defaults: 10000 10000
@@ -19,3 +20,6 @@ build/default/bench/latency_bench "$runs" 10
 echo
 echo "==> peak memory"
 build/default/bench/terminal_memory_bench "$passages"
+echo
+echo "==> the live view: a letter to 10 pages"
+python3 bench/live_view_bench.py build/default/terminal/catra-terminal examples/terminal.ini 10 200

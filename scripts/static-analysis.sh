@@ -9,7 +9,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh build static
 
-product=(catra host simulator terminal lines)
+product=(catra host simulator lines catra-simulator terminal)
 # The plug-in and the stand-in host; the rest is the tools around them.
 core=(catra host)
 

@@ -1,5 +1,7 @@
 // The post office: observers, receivers by type, the delivery thread and
 // the idle barrier.
+#include "standin/bus.h"
+
 #include <pthread.h>
 
 #include <exception>
@@ -9,8 +11,7 @@
 
 namespace standin {
 
-// Built on first use and never destroyed: plug-in threads may send messages
-// until the process ends with _exit, so the bus must outlive every static.
+// Leaked on purpose, so that no static destructor runs before it.
 Bus& Bus::instance()
 {
     static Bus* bus = new Bus();
@@ -19,14 +20,6 @@ Bus& Bus::instance()
 
 Bus::Bus() : impl_(std::make_unique<Impl>()) {}
 
-Bus::Impl& Bus::impl()
-{
-    return *impl_;
-}
-
-// Observers run under the registry lock, so once unsubscribe returns no call
-// of that observer is in flight. An observer may send or subscribe (the lock
-// is recursive) but must not wait for another thread that sends.
 int Bus::subscribe(Observer observer)
 {
     std::lock_guard<std::recursive_mutex> lock(impl_->observers_mutex);
@@ -46,16 +39,12 @@ void Bus::add_service(const std::string& type, Service service)
     impl_->add_receiver(type, nullptr, std::move(service));
 }
 
-// Call from a test's thread: the delivery thread or a queue handler waiting
-// here would wait for itself.
 bool Bus::wait_idle(std::chrono::milliseconds timeout)
 {
     std::unique_lock<std::mutex> lock(impl_->idle_mutex);
     return impl_->idle_cv.wait_for(lock, timeout, [this] { return impl_->busy == 0; });
 }
 
-// A stopped queue stays stopped: process() on it returns at once, so a run
-// thread that reaches process() after the stop still ends.
 void Bus::stop_queues()
 {
     std::lock_guard<std::mutex> lock(impl_->queues_mutex);
@@ -68,8 +57,6 @@ void Bus::stop_queues()
     }
 }
 
-// Messages already sent are delivered first. From then on the post office
-// frees what it is given without delivering it.
 void Bus::shutdown()
 {
     std::thread thread;
@@ -245,12 +232,12 @@ namespace ac {
 
 void PostOffice::send_message(Message* msg)
 {
-    standin::Bus::instance().impl().send(msg, false);
+    standin::Internals::bus().send(msg, false);
 }
 
 bool PostOffice::send_message_sync(Message* msg)
 {
-    return standin::Bus::instance().impl().send(msg, true);
+    return standin::Internals::bus().send(msg, true);
 }
 
 }  // namespace ac

@@ -10,6 +10,7 @@
 
 #include "ac/ac_exception.h"
 #include "host_internal.h"
+#include "standin/config.h"
 
 namespace standin {
 

@@ -1,4 +1,8 @@
 // The SQLite database behind the data-access layer.
+#include "standin/database.h"
+
+#include <iomanip>
+#include <ostream>
 #include <string>
 
 #include "ac/ac_exception.h"
@@ -34,6 +38,20 @@ CREATE TABLE IF NOT EXISTS counters(name TEXT PRIMARY KEY, value INTEGER NOT NUL
 [[noreturn]] void raise_sqlite(sqlite3* db)
 {
     throw ac::ac_exception(db ? sqlite3_errmsg(db) : "database not open", true);
+}
+
+// ---------------------------------------------------------------- Cell
+std::ostream& operator<<(std::ostream& out, const Cell& cell)
+{
+    struct Print {
+        std::ostream& out;
+        void operator()(std::nullptr_t) const { out << "NULL"; }
+        void operator()(long long integer) const { out << integer; }
+        void operator()(double real) const { out << real; }
+        void operator()(const std::string& text) const { out << std::quoted(text); }
+    };
+    std::visit(Print{out}, cell.value());
+    return out;
 }
 
 // ---------------------------------------------------------------- Statement
@@ -92,6 +110,16 @@ long long Statement::int64(int column) const
     return sqlite3_column_int64(stmt_, column);
 }
 
+Cell Statement::cell(int column) const
+{
+    switch (sqlite3_column_type(stmt_, column)) {
+        case SQLITE_INTEGER: return int64(column);
+        case SQLITE_FLOAT: return sqlite3_column_double(stmt_, column);
+        case SQLITE_NULL: return nullptr;
+        default: return text(column);  // a blob too, byte for byte
+    }
+}
+
 std::string Statement::text(int column) const
 {
     const unsigned char* text = sqlite3_column_text(stmt_, column);
@@ -103,10 +131,7 @@ std::string Statement::text(int column) const
 }
 
 // ---------------------------------------------------------------- DbSession
-DbSession::DbSession()
-    : lock_(Database::instance().impl().mutex), db_(Database::instance().impl().handle())
-{
-}
+DbSession::DbSession() : lock_(Internals::database().mutex), db_(Internals::database().handle()) {}
 
 void DbSession::exec(const char* sql)
 {
@@ -155,7 +180,7 @@ void Database::Impl::close_locked()
 }
 
 // ---------------------------------------------------------------- Database
-// Never destroyed: plug-in threads may store records until the process ends.
+// Leaked on purpose, so that no static destructor runs before it.
 Database& Database::instance()
 {
     static Database* database = new Database();
@@ -164,12 +189,6 @@ Database& Database::instance()
 
 Database::Database() : impl_(std::make_unique<Impl>()) {}
 
-Database::Impl& Database::impl()
-{
-    return *impl_;
-}
-
-// Replaces the open database; a new in-memory one starts empty.
 void Database::open(const std::string& path)
 {
     std::lock_guard<std::mutex> lock(impl_->mutex);
@@ -188,17 +207,16 @@ void Database::exec(const std::string& sql)
     session.exec(sql.c_str());
 }
 
-// The first statement's rows, every column as text (NULL as "").
 Rows Database::query(const std::string& sql)
 {
     DbSession session;
     Statement statement(session.db(), sql.c_str());
     Rows rows;
     while (statement.step()) {
-        std::vector<std::string> row;
+        Row row;
         row.reserve(static_cast<size_t>(statement.columns()));
         for (int column = 0; column < statement.columns(); ++column) {
-            row.push_back(statement.text(column));
+            row.push_back(statement.cell(column));
         }
         rows.push_back(std::move(row));
     }
@@ -232,7 +250,7 @@ void Database::seed(long long device_id, int now)
         "(3, 'release clockwise'), (4, 'release both');"
         "INSERT OR IGNORE INTO action_portals(action_id, portal_id) VALUES (2, 1), (2, 2), "
         "(3, 1), (3, 2), (4, 1), (4, 2);");
-    if (query("SELECT COUNT(*) FROM access_logs").at(0).at(0) != "0")
+    if (query("SELECT COUNT(*) FROM access_logs").at(0).at(0) != 0)
         return;
     const std::string granted = std::to_string(ac_dal::access_log_event::GRANTED);
     exec("INSERT INTO access_logs(user_id, portal_id, time, event) VALUES (100, 1, " +

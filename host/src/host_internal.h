@@ -12,7 +12,11 @@
 #include <string>
 #include <thread>
 
-#include "standin/standin.h"
+#include "ac/message.h"
+#include "ac/message_enqueuer.h"
+#include "standin/bus.h"
+#include "standin/database.h"
+#include "standin/plugin_host.h"
 
 // Tracks one message handed to the post office until it is destroyed. The
 // delivery thread keeps a reference so that it never touches a message that
@@ -158,6 +162,8 @@ public:
     int columns() const;
     long long int64(int column) const;
     std::string text(int column) const;
+    // The column as SQLite holds it in this row.
+    Cell cell(int column) const;
 
 private:
     void check(int rc) const;
@@ -166,6 +172,16 @@ private:
 };
 
 [[noreturn]] void raise_sqlite(sqlite3* db);
+
+// ---------------------------------------------------------------- internals
+// The host's own way into the internals behind its public classes.
+struct Internals {
+    using BusCore = Bus::Impl;
+    using DatabaseCore = Database::Impl;
+
+    static BusCore& bus() { return *Bus::instance().impl_; }
+    static DatabaseCore& database() { return *Database::instance().impl_; }
+};
 
 // ---------------------------------------------------------------- plug-in hosts
 // Every PluginHost alive, so that end_process can join their run threads.

@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "host_internal.h"
+#include "standin/logs.h"
 
 namespace standin {
 
@@ -38,8 +39,6 @@ Logs& Logs::instance()
     return *logs;
 }
 
-// Lines are added one at a time, so the echo and every observer see them in
-// the same order.
 void Logs::add(const LogLine& line)
 {
     std::lock_guard<std::recursive_mutex> calls(observers_call_mutex());

@@ -9,9 +9,9 @@ namespace ac {
 
 namespace {
 
-standin::Bus::Impl& bus()
+standin::Internals::BusCore& bus()
 {
-    return standin::Bus::instance().impl();
+    return standin::Internals::bus();
 }
 
 // Runs one queued message's handler; whatever it throws is logged and dropped.

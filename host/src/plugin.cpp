@@ -10,7 +10,7 @@ Plugin::Plugin() = default;
 // The plug-in's receivers go with its registration object.
 Plugin::~Plugin()
 {
-    standin::Bus::instance().impl().remove_receivers_of(this);
+    standin::Internals::bus().remove_receivers_of(this);
 }
 
 void Plugin::set_name(std::string name)
@@ -27,7 +27,7 @@ void Plugin::set_run(int (*run)())
 // with each message of the row's type. The row's flag is kept but not used.
 void Plugin::add_messages_interested(const MessageListener* table, int count)
 {
-    standin::Bus::Impl& bus = standin::Bus::instance().impl();
+    standin::Internals::BusCore& bus = standin::Internals::bus();
     for (int i = 0; i < count; ++i) {
         listeners_.push_back(table[i]);
         void (*function)(Message*) = table[i].function;

@@ -1,4 +1,6 @@
 // Loading a plug-in and running it, and ending the process around it.
+#include "standin/plugin_host.h"
+
 #include <dlfcn.h>
 #include <unistd.h>
 
@@ -70,8 +72,6 @@ PluginHost::~PluginHost()
     unregister_plugin_host(this);
 }
 
-// The library is never closed: threads that the plug-in started may still
-// run its code until the process ends.
 bool PluginHost::init(std::string* error)
 {
     std::string ignored;
@@ -131,8 +131,6 @@ bool PluginHost::start()
     return true;
 }
 
-// Once run was started: stops every queue (run serves the plug-in's), then
-// waits for run to return.
 void PluginHost::stop()
 {
     if (!run_thread_.joinable() || run_thread_.get_id() == std::this_thread::get_id())
@@ -146,13 +144,11 @@ bool PluginHost::running() const
     return run_thread_.joinable() && !finished_.load(std::memory_order_acquire);
 }
 
-// Valid once running() is false: -1 when run threw.
 int PluginHost::run_result() const
 {
     return finished_.load(std::memory_order_acquire) ? *result_ : 0;
 }
 
-// See the declaration for why the process ends this way.
 void end_process(int code)
 {
     Bus::instance().stop_queues();

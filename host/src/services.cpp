@@ -1,4 +1,6 @@
 // Host services that answer the plug-in: the online client and GPIO.
+#include "standin/services.h"
+
 #include <algorithm>
 #include <vector>
 
@@ -40,7 +42,6 @@ void check_ints(const ac::Message& msg, const std::vector<const char*>& keys)
 
 }  // namespace
 
-// Installing again replaces the services with fresh ones of the same kind.
 void install_services()
 {
     Bus& bus = Bus::instance();

@@ -8,6 +8,7 @@
 #include "ac/ac_exception.h"
 #include "ac/config.h"
 #include "host_internal.h"
+#include "standin/clock.h"
 
 namespace ac {
 
@@ -67,7 +68,6 @@ void Clock::set_real()
     manual_ = false;
 }
 
-// On the real clock this first stops the clock at the present time.
 void Clock::advance_ms(long ms)
 {
     std::lock_guard<std::mutex> lock(mutex_);

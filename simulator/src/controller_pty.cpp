@@ -10,14 +10,11 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "simulator/posix.h"
+
 namespace simulator {
 
 namespace {
-
-std::system_error system_failure(const std::string& what)
-{
-    return std::system_error(errno, std::generic_category(), what);
-}
 
 void close_quietly(int& fd)
 {
@@ -25,6 +22,16 @@ void close_quietly(int& fd)
         ::close(fd);
         fd = -1;
     }
+}
+
+// poll, unlike FIONREAD, first moves what the other side just wrote into
+// this side's input, and honours the reader's line settings.
+bool readable(int fd)
+{
+    if (fd < 0)
+        return false;
+    pollfd watched{fd, POLLIN, 0};
+    return ::poll(&watched, 1, 0) > 0 && (watched.revents & POLLIN) != 0;
 }
 
 }  // namespace
@@ -127,6 +134,16 @@ std::optional<std::string> ControllerPty::read_command(std::chrono::milliseconds
         if (!receive_more(deadline))
             return std::nullopt;
     }
+}
+
+bool ControllerPty::commands_waiting() const
+{
+    return readable(master_);
+}
+
+bool ControllerPty::unread_by_other_side() const
+{
+    return readable(slave_);
 }
 
 void ControllerPty::hang_up()

@@ -1,9 +1,6 @@
 #include "simulator/turnstile.h"
 
-#include <fcntl.h>
 #include <poll.h>
-#include <sys/ioctl.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -17,15 +14,6 @@ namespace simulator {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-// Bytes waiting to be read on a terminal descriptor; 0 when it cannot tell.
-int unread_bytes(int fd)
-{
-    int count = 0;
-    if (fd < 0 || ::ioctl(fd, FIONREAD, &count) != 0)
-        return 0;
-    return count;
-}
 
 // A release time: a whole number of seconds, 0 or more.
 std::optional<int> release_seconds(const std::string& text)
@@ -44,21 +32,11 @@ std::optional<int> release_seconds(const std::string& text)
 Turnstile::Turnstile(ControllerPty& line, Listener listener)
     : line_(line), listener_(std::move(listener))
 {
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
-        throw std::system_error(errno, std::generic_category(), "pipe2");
-    wake_read_ = ends[0];
-    wake_write_ = ends[1];
-    slave_ = ::open(line_.slave_path().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
 }
 
 Turnstile::~Turnstile()
 {
     stop();
-    for (int fd : {wake_read_, wake_write_, slave_}) {
-        if (fd >= 0)
-            ::close(fd);
-    }
 }
 
 void Turnstile::start()
@@ -73,9 +51,7 @@ void Turnstile::stop()
         std::lock_guard<std::mutex> lock(mutex_);
         stopping_ = true;
     }
-    const char wake = 'x';
-    while (::write(wake_write_, &wake, 1) < 0 && errno == EINTR) {
-    }
+    wake_.wake();
     if (reader_.joinable() && reader_.get_id() != std::this_thread::get_id())
         reader_.join();
 }
@@ -96,7 +72,7 @@ bool Turnstile::push(Side side)
     if (!free)
         return false;
     release_.reset();
-    write_letter(side == Side::left ? 'h' : 'i');
+    write_letter(turn_letter(side));
     return true;
 }
 
@@ -122,18 +98,13 @@ std::optional<std::chrono::steady_clock::time_point> Turnstile::release_deadline
 bool Turnstile::quiet() const
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    return !reading_ && unread_bytes(line_.master_fd()) == 0 && unread_bytes(slave_) == 0;
+    return !reading_ && !line_.commands_waiting() && !line_.unread_by_other_side();
 }
 
 bool Turnstile::commands_answered() const
 {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (reading_)
-        return false;
-    // poll, unlike FIONREAD, first moves what the plug-in's side wrote into
-    // the master's input, so bytes just written are not missed.
-    pollfd watched{line_.master_fd(), POLLIN, 0};
-    return ::poll(&watched, 1, 0) == 0;
+    return !reading_ && !line_.commands_waiting();
 }
 
 void Turnstile::read_loop()
@@ -188,15 +159,12 @@ bool Turnstile::wait_for_line()
                 std::max<long long>(0, std::min<long long>(left.count(), INT_MAX)));
         }
     }
-    pollfd watched[2] = {{line_.master_fd(), POLLIN, 0}, {wake_read_, POLLIN, 0}};
+    pollfd watched[2] = {{line_.master_fd(), POLLIN, 0}, {wake_.fd(), POLLIN, 0}};
     const int ready = ::poll(watched, 2, timeout_ms);
     if (ready < 0)
         return errno == EINTR;
-    if (watched[1].revents & POLLIN) {
-        char drained[16];
-        while (::read(wake_read_, drained, sizeof drained) > 0) {
-        }
-    }
+    if (watched[1].revents & POLLIN)
+        wake_.drain();
     if (watched[0].revents & POLLIN)
         return true;
     return (watched[0].revents & (POLLHUP | POLLERR | POLLNVAL)) == 0;

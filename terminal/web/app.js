@@ -7,11 +7,11 @@
 const STATES = ['blocked', 'free anticlockwise', 'free clockwise', 'free both ways'];
 const EXCEPTION_MODES = {0: '0 none', 1: '1 free both ways', 2: '2 blocked', free: '1 free both ways',
   blocked: '2 blocked'};
-const MOST_EVENTS = 1000;
-const NEWEST_RECORDS = 10;
 
 const $ = (id) => document.getElementById(id);
 let kinds = [];  // from /info: the kinds of output line, for the filters
+let mostEvents = 0;  // from /info: the events listed
+let newestRecords = 0;  // from /info: the records shown
 const shown = new Set();
 let releases = 0;
 let refreshTimer = null;
@@ -39,14 +39,25 @@ async function run(command) {
   }
 }
 
+// What the page shows, by the names /state gives them; a stream event's
+// "shows" carries the same names.
+function show(now) {
+  if (now.state !== undefined && now.state !== null) showState(now.state);
+  if (now.default_state !== undefined && now.default_state !== null) {
+    showDefaultState(now.default_state);
+  }
+  if (now.enabled !== undefined && now.enabled !== null) showEnabled(now.enabled);
+  if (now.operation_mode !== undefined) showOperationMode(now.operation_mode);
+  if (now.exception_mode !== undefined) showExceptionMode(now.exception_mode);
+  if (now.refresh) refreshSoon();
+}
+
 // The state, the enabled flag, the counters and the newest records, read
 // afresh.
 async function refresh() {
   try {
     const now = await (await fetch('/state')).json();
-    if (now.state !== null) showState(now.state);
-    if (now.default_state !== null) showDefaultState(now.default_state);
-    if (now.enabled !== null) showEnabled(now.enabled);
+    show(now);
     showRecords(now);
   } catch (error) {
     $('command-result').textContent = 'cannot read /state: ' + error;
@@ -59,14 +70,6 @@ function refreshSoon() {
 }
 
 // ---------------------------------------------------------------- the turnstile
-
-function fieldsOf(line) {
-  const fields = {};
-  for (const field of line.fields || []) {
-    if (Array.isArray(field) && field.length === 2) fields[field[0]] = field[1];
-  }
-  return fields;
-}
 
 function showState(state) {
   $('state').textContent = STATES[state] === undefined ? String(state) : STATES[state];
@@ -111,7 +114,7 @@ function row(values) {
 // Rows newest first.
 function showRows(id, rows, columns) {
   const body = $(id).querySelector('tbody');
-  body.replaceChildren(...rows.slice(0, NEWEST_RECORDS).map(
+  body.replaceChildren(...rows.slice(0, newestRecords).map(
       (r) => row(columns.map((c) => c === 'timestamp' || c === 'time' ? time(r[c]) : r[c]))));
 }
 
@@ -130,32 +133,6 @@ function showRecords(now) {
     'reason', 'uuid']);
 }
 
-// What one output line tells about the turnstile.
-function follow(line) {
-  const fields = fieldsOf(line);
-  if (line.bus === 'catra_state_changed') {
-    showState(fields.state);
-  } else if (line.bus === 'catra_default_state_changed') {
-    showDefaultState(fields.default_state);
-  } else if (line.bus === 'catra_catra_enabled_changed') {
-    showEnabled(fields.enabled);
-  } else if (line.bus === 'catra_event') {
-    refreshSoon();
-  } else if (line.reply === 'catra_state' && line.replied) {
-    showState(fields.state);
-    showDefaultState(fields.default_state);
-  } else if (line.reply === 'catra_catra_enabled' && line.replied) {
-    showEnabled(fields.enabled);
-  } else if (line.sent === 'config_param_set') {
-    if (fields.param === 'operation_mode' && fields.module === 'catra') {
-      showOperationMode(fields.value);
-    } else if (fields.param === 'exception_mode' && fields.module !== 'catra' &&
-               fields.module !== 'identifier') {
-      showExceptionMode(fields.value);
-    }
-  }
-}
-
 // ---------------------------------------------------------------- the events
 
 // An output line as the terminal tells it: its kind, label and text.
@@ -169,7 +146,7 @@ function addEvent(event) {
   item.append(label, event.text);
   const list = $('events');
   list.insertBefore(item, list.firstChild);
-  while (list.childElementCount > MOST_EVENTS) list.lastChild.remove();
+  while (list.childElementCount > mostEvents) list.lastChild.remove();
 }
 
 function buildFilters() {
@@ -214,13 +191,15 @@ function connect() {
       return;
     }
     addEvent(event);
-    follow(event.line);
+    if (event.shows) show(event.shows);
   };
 }
 
 async function learn() {
   const info = await (await fetch('/info')).json();
   kinds = info.kinds;
+  mostEvents = info.most_events;
+  newestRecords = info.newest_records;
   buildFilters();
   showOperationMode(info.operation_mode);
   showExceptionMode(info.exception_mode);
@@ -234,8 +213,14 @@ async function learn() {
         info.device_path + '): a person turns the real turnstile.';
     for (const id of ['turn-left', 'turn-right']) $(id).title = $('person-note').textContent;
   }
+  // A person's turn on each side, as the terminal's command takes it.
+  for (const [side, line] of Object.entries(info.turns)) {
+    $('turn-' + side).addEventListener('click', () => run(line));
+  }
   const sides = ['anticlockwise', 'clockwise', 'both ways'];
   info.buttonholes.forEach((gpio, index) => {
+    // An entry that is no GPIO keeps its position, without a button.
+    if (gpio < 0) return;
     const button = document.createElement('button');
     button.id = 'exit-request-' + (index + 1);
     button.textContent = (index + 1) + ' (GPIO ' + gpio + ')';

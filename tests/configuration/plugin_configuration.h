@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "standin/standin.h"
+#include "standin/config.h"
 
 namespace simulator {
 

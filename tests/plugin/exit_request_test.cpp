@@ -81,7 +81,7 @@ TEST_F(ExitRequest, EachBurstOfPressesGivesOneReleaseOneBuzzAndOneRecord)
         EXPECT_EQ(lines_of("log_catra_liberated"), Texts{burst.logged});
         EXPECT_EQ(database().query("SELECT user_id, portal_id, event, reason FROM access_logs "
                                    "ORDER BY id DESC LIMIT 1"),
-                  (standin::Rows{{"0", "1", "12", "2"}}));
+                  (standin::Rows{{0, 1, 12, 2}}));
     }
 }
 

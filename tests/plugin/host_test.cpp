@@ -70,6 +70,15 @@ TEST(HostData, AMissingActionHasNoIdAndNoPortals)
     EXPECT_TRUE(action.device_portals(1).empty());
 }
 
+// A query's cells are of the kind SQLite holds, and kinds never compare equal.
+TEST(HostData, ACellIsOfTheKindSqliteHolds)
+{
+    standin::Database::instance().open(":memory:");
+    EXPECT_EQ(standin::Database::instance().query("SELECT 1, 2.5, 'catra', NULL, '1'"),
+              (standin::Rows{{1, 2.5, "catra", nullptr, "1"}}));
+    EXPECT_NE(standin::Cell(1), standin::Cell("1"));
+}
+
 // A field is read only as the type it was added with.
 TEST(HostMessage, AFieldIsReadOnlyAsItsType)
 {

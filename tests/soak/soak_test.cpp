@@ -223,7 +223,7 @@ TEST_F(Soak, EventThreadQueueAndExitRequestWorkersAtOnce)
         EXPECT_EQ(published_[side], turn_letters_[side]);
         EXPECT_EQ(database().query("SELECT COUNT(*) FROM access_events WHERE name = '" +
                                    std::string(names[side]) + "'"),
-                  (standin::Rows{{std::to_string(turn_letters_[side])}}));
+                  (standin::Rows{{turn_letters_[side]}}));
         EXPECT_EQ(counted[side] + refused_[side], turn_letters_[side]);
     }
 

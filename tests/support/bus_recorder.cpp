@@ -5,7 +5,7 @@
 #include <mutex>
 #include <sstream>
 
-#include "standin/standin.h"
+#include "standin/bus.h"
 #include "syscall_faults.h"
 
 namespace catra_test {

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "standin/standin.h"
+#include "standin/logs.h"
 
 namespace catra_test {
 

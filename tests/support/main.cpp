@@ -4,7 +4,7 @@
 
 #include <cstdio>
 
-#include "standin/standin.h"
+#include "standin/plugin_host.h"
 
 int main(int argc, char** argv)
 {

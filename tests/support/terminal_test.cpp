@@ -200,10 +200,9 @@ bool TerminalTest::wait_idle(std::chrono::milliseconds timeout)
 
 std::string TestPty::drain()
 {
-    while (receive_more(std::chrono::steady_clock::now())) {
-    }
     std::string all;
-    all.swap(pending());
+    while (const std::optional<std::string> text = read_command(std::chrono::milliseconds(0)))
+        all += *text + '\0';
     return all;
 }
 

@@ -86,7 +86,8 @@ struct Reply {
 // so far.
 class TestPty : public simulator::ControllerPty {
 public:
-    // Everything received so far and not yet read, without waiting.
+    // Every whole text received so far and not yet read, each with its NUL,
+    // without waiting.
     std::string drain();
 };
 

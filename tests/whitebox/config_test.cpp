@@ -62,7 +62,7 @@ protected:
 
 TEST_F(ConfigChange, RoutingByModuleAndParameter)
 {
-    const standin::Rows actions_set = {{"1", "3"}, {"2", "2"}};
+    const standin::Rows actions_set = {{1, 3}, {2, 2}};
     const struct {
         const char* module;
         const char* param;

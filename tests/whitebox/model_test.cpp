@@ -23,6 +23,7 @@
 #include <ostream>
 #include <regex>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "catra_internal.h"
@@ -418,7 +419,7 @@ protected:
     {
         Texts values;
         for (const auto& row : database().query(sql))
-            values.push_back(row.at(0));
+            values.push_back(std::get<std::string>(row.at(0).value()));
         return values;
     }
 };

@@ -32,7 +32,7 @@ protected:
         logs().clear();
         recorder().clear();
     }
-    const standin::Rows seeded_{{"1", "100", "1", "980", "1"}, {"2", "101", "2", "990", "1"}};
+    const standin::Rows seeded_{{1, 100, 1, 980, 1}, {2, 101, 2, 990, 1}};
     std::lock_guard<std::mutex> lock_{state_mutex};
 };
 
@@ -119,11 +119,11 @@ TEST_F(PassageLog, PortalActionsFollowAntiPassbackAndTheGatewaySide)
     const struct {
         int antipassback;
         const char* gateway;
-        const char* portal_1;
-        const char* portal_2;
+        int portal_1;
+        int portal_2;
     } table[] = {
-        {0, "clockwise", "4", "4"},     {0, nullptr, "4", "4"}, {1, "clockwise", "3", "2"},
-        {1, "anticlockwise", "2", "3"}, {1, nullptr, "2", "3"}, {1, "Clockwise", "2", "3"},
+        {0, "clockwise", 4, 4},     {0, nullptr, 4, 4}, {1, "clockwise", 3, 2},
+        {1, "anticlockwise", 2, 3}, {1, nullptr, 2, 3}, {1, "Clockwise", 2, 3},
     };
     for (const auto& row : table) {
         SCOPED_TRACE(std::string("anti-passback ") + std::to_string(row.antipassback) +
@@ -134,7 +134,7 @@ TEST_F(PassageLog, PortalActionsFollowAntiPassbackAndTheGatewaySide)
         set_portal_actions();
         EXPECT_EQ(database().query("SELECT portal_id, position, action_id FROM portal_actions "
                                    "ORDER BY portal_id, position"),
-                  (standin::Rows{{"1", "0", row.portal_1}, {"2", "0", row.portal_2}}));
+                  (standin::Rows{{1, 0, row.portal_1}, {2, 0, row.portal_2}}));
     }
 }
 

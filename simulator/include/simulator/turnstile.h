@@ -29,10 +29,10 @@
 #include <thread>
 
 #include "simulator/controller_pty.h"
+#include "simulator/posix.h"
+#include "simulator/protocol.h"
 
 namespace simulator {
-
-enum class Side { left, right };
 
 // Which sides let a person through.
 struct FreeSides {
@@ -101,9 +101,7 @@ private:
 
     ControllerPty& line_;
     Listener listener_;
-    int wake_read_ = -1;  // self-pipe that interrupts the reader's wait
-    int wake_write_ = -1;
-    int slave_ = -1;  // the plug-in's side, opened only to count what it has not read
+    WakePipe wake_;  // interrupts the reader's wait
     std::thread reader_;
 
     mutable std::mutex mutex_;
