@@ -36,7 +36,7 @@ int main(int argc, char** argv)
     // The live view serves each connection on a thread of its own, and a
     // posted line runs on it: with an allocation arena per thread, each would
     // keep what one large dump took. Two arenas bound what is kept.
-    mallopt(M_ARENA_MAX, 2);
+    mallopt(M_ARENA_MAX, 2);  // NOLINT(concurrency-mt-unsafe): before any thread starts
     const lines::Messages messages("catra-terminal");
     terminal::Options options;
     if (const auto code = terminal::parse_options(messages.program(), argc, argv, options))
