@@ -2,9 +2,9 @@
 // sequences of controller letters (with the time between them), release
 // requests, operation-mode and gateway changes and enable/disable requests,
 // runs them on the plug-in's functions on this one thread, and compares after
-// every step the controller texts and bus messages (in order), the access-log
-// records and access events, the turn counters and the states with what the
-// model says. A failing sequence is shrunk to the shortest one that fails;
+// every step the controller texts and bus messages (in order), the error
+// lines, the access-log records and access events, the turn counters and the
+// states with what the model says. A failing sequence is shrunk to the shortest one that fails;
 // RC_PARAMS="seed=N" replays one.
 //
 // The model is the turnstile's decision tables written as data (what each
@@ -89,6 +89,8 @@ const struct {
 enum Turn { refused, counted, completes };
 const Turn kTurns[4][2] = {
     {refused, refused}, {counted, refused}, {refused, counted}, {completes, completes}};
+const char* const kRefusals[2] = {"ERROR: Cannot turn left  while blocked!!",
+                                  "ERROR: Cannot turn right while blocked!!"};
 
 // By "gateway" (anything else, "clockwise") and side: the counter of the way
 // (2 entrance, 3 exit; 0 and 1 are the left and right counters) and the portal.
@@ -183,6 +185,7 @@ struct Model {
     std::vector<std::array<int, 4>> records{{1, 1, 100, 0}, {2, 1, 101, 0}};
     Texts access_events;  // module, name, uuid, device and a time of the run, oldest first
     Texts out;            // what the step writes and sends
+    Texts errors;         // the step's error lines
 
     void write(const std::string& text) { out.push_back("write " + text + "\\0"); }
     void command(const std::string& name)
@@ -248,7 +251,9 @@ struct Model {
             records.back()[0] = way.portal;
             records.back()[3] = 1;
         }
-        if (turn != refused) {
+        if (turn == refused) {
+            errors.push_back(kRefusals[side]);
+        } else {
             ++counters[side];
             ++counters[way.counter];
         }
@@ -304,6 +309,7 @@ struct Model {
     void step(const Op& op, const std::string& new_uuid)
     {
         out.clear();
+        errors.clear();
         switch (op.kind) {
             case Op::letter: letter(op.code - 'a', op.advance); break;
             case Op::release: release(op, new_uuid); break;
@@ -433,6 +439,7 @@ RC_GTEST_FIXTURE_PROP(Turnstile, FollowsItsDecisionTables, ())
             records.push_back(std::to_string(portal) + " " + std::to_string(event) + " " +
                               std::to_string(user) + " " + std::to_string(written));
         RC_ASSERT(seen == model.out);
+        RC_ASSERT(log_texts(standin::LogLine::Kind::error) == model.errors);
         RC_ASSERT(column("SELECT portal_id || ' ' || event || ' ' || user_id || ' ' || "
                          "(time >= " +
                          start + ") FROM access_logs ORDER BY id") == records);
@@ -459,7 +466,9 @@ RC_GTEST_FIXTURE_PROP(Turnstile, FollowsItsDecisionTables, ())
 // through there. A release outlasts any run, so none is given up.
 RC_GTEST_FIXTURE_PROP(Turnstile, KeepsToTheSidesTheControllerFrees, ())
 {
-    const std::vector<Op> sequence = *rc::gen::container<std::vector<Op>>(ops(true));
+    // Shorter runs than above: each step waits for the controller's thread.
+    const std::vector<Op> sequence =
+        *rc::gen::scale(0.3, rc::gen::container<std::vector<Op>>(ops(true)));
     config().set("", "catra_timeout", 3600);
     simulator::Turnstile controller(pty());
     controller.start();
