@@ -47,24 +47,20 @@ std::string render(const std::string& type, const std::vector<ac::MessageField>&
     return out.str();
 }
 
-std::string render(const RecordedMessage& message)
-{
-    return render(message.type, message.fields) + (message.sync ? " (sync)" : "");
-}
-
 BusRecorder::BusRecorder() : shared_(std::make_shared<Shared>())
 {
     std::shared_ptr<Shared> shared = shared_;
     subscription_ =
         standin::Bus::instance().subscribe([shared](const ac::Message& message, bool sync) {
-            const RecordedMessage record{message.type(), message.fields(), sync};
+            const std::string line =
+                render(message.type(), message.fields()) + (sync ? " (sync)" : "");
             if (message.priority() != 0 || message.reply_callback() != nullptr)
-                ADD_FAILURE() << render(record) << " was built with priority " << message.priority()
+                ADD_FAILURE() << line << " was built with priority " << message.priority()
                               << (message.reply_callback() ? " and a reply callback" : "")
                               << ", not as new ac::Message(type, 0, nullptr)";
             std::lock_guard<std::mutex> lock(shared->mutex);
             shared->take_writes();
-            shared->trace.push_back(render(record));
+            shared->trace.push_back(line);
         });
 }
 

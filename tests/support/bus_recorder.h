@@ -12,15 +12,8 @@
 
 namespace catra_test {
 
-struct RecordedMessage {
-    std::string type;
-    std::vector<ac::MessageField> fields;
-    bool sync = false;
-};
-
 // One line for failure messages: type{key=1,key="text"}, fields in order,
-// texts quoted, with a trailing " (sync)" for synchronous sends.
-std::string render(const RecordedMessage& message);
+// texts quoted.
 std::string render(const std::string& type, const std::vector<ac::MessageField>& fields);
 
 class BusRecorder {
@@ -32,9 +25,9 @@ public:
     BusRecorder(const BusRecorder&) = delete;
     BusRecorder& operator=(const BusRecorder&) = delete;
 
-    // Messages rendered as render() does and, in between, each write call on
-    // the controller device as "write <bytes>" (NULs shown as \0), in the
-    // order they happened.
+    // Messages rendered as render() does, with a trailing " (sync)" for
+    // synchronous sends, and, in between, each write call on the controller
+    // device as "write <bytes>" (NULs shown as \0), in the order they happened.
     std::vector<std::string> trace() const;
     void clear();
 
