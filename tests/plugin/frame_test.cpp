@@ -87,6 +87,7 @@ TEST_F(Frame, RunHandsTheWatchdogPeriodToTheQueueAndFeedsCatra)
     EXPECT_TRUE(eventually([&] { return catra_feeds == 2; }));
 
     // Should the queue ever stop being served, run returns 1 to the host.
+    EXPECT_EQ(plugin_host().run_result(), 0);  // not yet returned
     plugin_host().stop();
     EXPECT_EQ(plugin_host().run_result(), 1);
 }

@@ -41,7 +41,7 @@ TEST_F(PassageLog, OnlineTheOperationModeDecidesAndAnUnansweredQuestionRaises)
     const struct {
         int online;
         const char* client;  // null: the host's default, an answer
-        int mode;
+        int mode;            // -1: unset, which the host answers as 0
         bool asked;
         bool updated;
         const char* raised;
@@ -50,6 +50,7 @@ TEST_F(PassageLog, OnlineTheOperationModeDecidesAndAnUnansweredQuestionRaises)
         {1, "answer", 1, true, true, ""},
         {1, "answer", 0, true, false, ""},
         {1, nullptr, 1, true, true, ""},
+        {1, "answer", -1, true, false, ""},
         {1, "silent", 1, true, false, "Message online_client_get_operation_mode not replied"},
         {1, "no_mode", 1, true, false, "Wrong parameters in reply"},
     };
@@ -69,7 +70,8 @@ TEST_F(PassageLog, OnlineTheOperationModeDecidesAndAnUnansweredQuestionRaises)
             config().set("host", "online", row.online);
             row.client ? config().set("host", "online_client", row.client)
                        : config().erase("host", "online_client");
-            config().set("host", "online_client_mode", row.mode);
+            row.mode < 0 ? config().erase("host", "online_client_mode")
+                         : config().set("host", "online_client_mode", row.mode);
 
             EXPECT_EQ(thrown_text(update.call), row.raised);
             EXPECT_EQ(records() != seeded_, row.updated);
