@@ -61,6 +61,7 @@ TEST_F(PassageLog, OnlineTheOperationModeDecidesAndAnUnansweredQuestionRaises)
         {"update_last_log", [] { update_last_log(CatraEvent::TURN_LEFT); }},
         {"create_give_up_log", [] { create_give_up_log(false); }},
     };
+    EXPECT_EQ(records(), seeded_);  // as the host seeds them
     for (const auto& row : table) {
         for (const auto& update : updates) {
             SCOPED_TRACE(std::string(update.name) + ", online " + std::to_string(row.online) +
