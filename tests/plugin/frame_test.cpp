@@ -143,7 +143,6 @@ TEST_P(FrameStartUp, DefaultModeThenExceptionMode)
 INSTANTIATE_TEST_SUITE_P(
     Modes, FrameStartUp,
     ::testing::Values(StartUp{"Mode1", "1", nullptr, nullptr, {"i", "ab"}},
-                      StartUp{"ModeFree", "free", nullptr, nullptr, {"i", "ab"}},
                       StartUp{"Mode2", "2", "both_open", nullptr, {"ab", "i"}},
                       StartUp{"Mode0", "0", "entrance_open", "clockwise", {"ar"}}),
     [](const ::testing::TestParamInfo<StartUp>& info) { return std::string(info.param.name); });
