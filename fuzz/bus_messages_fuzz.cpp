@@ -28,26 +28,6 @@
 
 namespace {
 
-struct Handler {
-    const char* type;
-    void (*function)(ac::Message*);
-    bool copied;  // queued as a copy (the original stays with the sender)
-};
-
-const Handler kHandlers[] = {
-    {"catra_catra_enabled", catra_enabled_callback, false},
-    {"catra_set_catra_enabled", catra_set_enabled_callback, false},
-    {"catra_state", catra_state_callback, false},
-    {"liberate_catra", liberate_catra_callback, false},
-    {"catra_open_collector", open_collector_callback, false},
-    {"catra_photo_sensor", get_photo_sensor_callback, false},
-    {"catra_solenoid", get_solenoid_callback, false},
-    {"catra_set_solenoid", set_solenoid_callback, false},
-    {"gpio_notified", gpio_notified_callback, true},
-    {"config_param_set", config_param_set_callback, true},
-};
-constexpr int kHandlerCount = sizeof kHandlers / sizeof kHandlers[0];
-
 const char* const kKeys[] = {
     "catra_direction", "uuid",  "catra_reason", "enabled", "gpio",         "value", "id",
     "module",          "param", "timeout",      "state",   "default_state"};
@@ -86,15 +66,15 @@ const int kNotableInts[] = {0,  1,  2,  3,  4,  -1, 5,  9,  10,  11,      12,
 // What the plug-in's queue does with a message of a type it listens to:
 // a moved message is marked handled first, a copy carries the fields but not
 // the reply object; whatever the handler throws is logged.
-void deliver(const Handler& handler, ac::Message* sent)
+void deliver(const ListenedType& row, ac::Message* sent)
 {
-    std::unique_ptr<ac::Message> copy(handler.copied ? new ac::Message(*sent) : nullptr);
+    std::unique_ptr<ac::Message> copy(row.copied ? new ac::Message(*sent) : nullptr);
     if (!copy)
         sent->set_handled();
     try {
-        handler.function(copy ? copy.get() : sent);
+        row.handler(copy ? copy.get() : sent);
     } catch (const std::exception& e) {
-        ac::error::log(std::string("handler for ") + handler.type + " threw: " + e.what());
+        ac::error::log(std::string("handler for ") + row.type + " threw: " + e.what());
     }
 }
 
@@ -119,15 +99,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     FuzzedDataProvider in(data, size);
     while (in.remaining_bytes() > 0) {
-        const int type = in.ConsumeIntegralInRange(0, kHandlerCount + 1);
-        if (type == kHandlerCount + 1) {
+        const int type = in.ConsumeIntegralInRange(0, listened_count + 1);
+        if (type == listened_count + 1) {
             controller_letter(in.ConsumeIntegral<std::uint8_t>());
             catra_fuzz::drain_controller();
             continue;
         }
         ac::MessageReply reply;
         auto msg = std::make_unique<ac::Message>(
-            type < kHandlerCount ? kHandlers[type].type : "catra_unknown", 0, nullptr);
+            type < listened_count ? listened_types[type].type : "catra_unknown", 0, nullptr);
         if (in.ConsumeBool())
             msg->set_reply(&reply);
         for (int fields = in.ConsumeIntegralInRange(0, 7); fields > 0; --fields) {
@@ -142,8 +122,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             }
         }
         // A type nobody listens to is dropped by the host.
-        if (type < kHandlerCount)
-            deliver(kHandlers[type], msg.get());
+        if (type < listened_count)
+            deliver(listened_types[type], msg.get());
         msg.reset();
         catra_fuzz::drain_controller();
     }

@@ -129,6 +129,16 @@ std::string Message::type() const
     return type_;
 }
 
+int Message::priority() const
+{
+    return priority_;
+}
+
+Message::ReplyCallback Message::reply_callback() const
+{
+    return reply_callback_;
+}
+
 MessageReply* Message::reply() const
 {
     return reply_;

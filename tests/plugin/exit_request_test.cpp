@@ -37,15 +37,6 @@ protected:
         const Texts lines = log_texts(Kind::host);
         return std::count(lines.begin(), lines.end(), "buzzer");
     }
-    // The texts of the log lines of one function.
-    Texts lines_of(const std::string& function)
-    {
-        Texts lines;
-        for (const standin::LogLine& line : logs().lines())
-            if (line.function == function)
-                lines.push_back(line.text);
-        return lines;
-    }
 };
 
 TEST_F(ExitRequest, EachBurstOfPressesGivesOneReleaseOneBuzzAndOneRecord)
@@ -78,7 +69,7 @@ TEST_F(ExitRequest, EachBurstOfPressesGivesOneReleaseOneBuzzAndOneRecord)
         ASSERT_TRUE(eventually([&] { return buzzes() == 1; }));
         ASSERT_TRUE(wait_idle());
         EXPECT_EQ(buzzes(), 1);
-        EXPECT_EQ(lines_of("log_catra_liberated"), Texts{burst.logged});
+        EXPECT_EQ(debug_lines("log_catra_liberated"), Texts{burst.logged});
         EXPECT_EQ(database().query("SELECT user_id, portal_id, event, reason FROM access_logs "
                                    "ORDER BY id DESC LIMIT 1"),
                   (standin::Rows{{0, 1, 12, 2}}));
@@ -107,7 +98,7 @@ TEST_F(ExitRequest, AFailingBuzzerOrReleaseLeavesTheNextPressFree)
         if (row.first_release != nullptr) {
             EXPECT_TRUE(expect_commands({row.first_release}));
         }
-        ASSERT_TRUE(eventually([&] { return lines_of("operator()") == Texts{row.logged}; }));
+        ASSERT_TRUE(eventually([&] { return debug_lines("operator()") == Texts{row.logged}; }));
         EXPECT_EQ(buzzes(), 0);
         config().erase("host", "failing");
         database().exec("DROP TRIGGER IF EXISTS refuse");

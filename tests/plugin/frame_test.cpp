@@ -2,6 +2,7 @@
 // start-up commands of the run function, the event thread's name, and the
 // queue's watchdog period and keep-alive. (That each type reaches its handler
 // on the queue, the examples' scenarios show.)
+#include <atomic>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -9,6 +10,20 @@
 #include <vector>
 
 #include "terminal_test.h"
+
+namespace {
+
+// The host's watchdog feeds of "catra": this executable defines keep_alive in
+// place of the host's, which drops them, and exports it to the plug-in.
+std::atomic<int> catra_feeds{0};
+
+}  // namespace
+
+void ac::watchdog::keep_alive(const std::string& module)
+{
+    if (module == "catra")
+        ++catra_feeds;
+}
 
 namespace catra_test {
 namespace {
@@ -67,11 +82,12 @@ TEST_F(Frame, RunHandsTheWatchdogPeriodToTheQueueAndFeedsCatra)
 
     // The event thread fed "catra" on its one pass; the queue feeds it after
     // each message it serves.
-    EXPECT_EQ(watchdog_feeds("catra"), 1);
+    EXPECT_EQ(catra_feeds, 1);
     EXPECT_EQ(request("catra_state").text(), "reply{state=0,default_state=0}");
-    EXPECT_TRUE(eventually([&] { return watchdog_feeds("catra") == 2; }));
+    EXPECT_TRUE(eventually([&] { return catra_feeds == 2; }));
 
     // Should the queue ever stop being served, run returns 1 to the host.
+    EXPECT_EQ(plugin_host().run_result(), 0);  // not yet returned
     plugin_host().stop();
     EXPECT_EQ(plugin_host().run_result(), 1);
 }
@@ -127,10 +143,8 @@ TEST_P(FrameStartUp, DefaultModeThenExceptionMode)
 INSTANTIATE_TEST_SUITE_P(
     Modes, FrameStartUp,
     ::testing::Values(StartUp{"Mode1", "1", nullptr, nullptr, {"i", "ab"}},
-                      StartUp{"ModeFree", "free", "exit_open", "clockwise", {"al", "ab"}},
                       StartUp{"Mode2", "2", "both_open", nullptr, {"ab", "i"}},
-                      StartUp{"Mode0", "0", "entrance_open", "clockwise", {"ar"}},
-                      StartUp{"EmptyOperationMode", "0", "", "clockwise", {"i"}}),
+                      StartUp{"Mode0", "0", "entrance_open", "clockwise", {"ar"}}),
     [](const ::testing::TestParamInfo<StartUp>& info) { return std::string(info.param.name); });
 
 }  // namespace

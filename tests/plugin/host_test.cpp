@@ -1,7 +1,8 @@
 // What the plug-in's tests stand on in the stand-in host, one row each: the
-// clock's milliseconds, thread names, a missing action, the types of message
-// fields, a queue that outlives a throwing handler, the idle barrier, and a
-// plug-in that cannot load.
+// clock's milliseconds, thread names, the exception modes and numbers read
+// from the configuration, a missing action, the types of message fields, a
+// queue that outlives a throwing handler or frees what it still holds, the
+// idle barrier, and a plug-in that cannot load.
 #include <atomic>
 #include <chrono>
 #include <climits>
@@ -13,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "ac/config.h"
 #include "ac/message_enqueuer.h"
 #include "ac/util.h"
 #include "ac_dal/ac_dal.h"
@@ -55,6 +57,17 @@ TEST(HostThread, ALongNameIsCut)
     });
     named.join();
     EXPECT_EQ(name, "catra-exit-requ");
+}
+
+// The exception mode's names and numbers; a number that is empty is none.
+TEST(HostConfig, ExceptionModesAndNumbersAreRead)
+{
+    for (const auto& [text, mode] :
+         {std::pair{"free", 1}, {"blocked", 2}, {" 2 ", 2}, {"", 0}, {"Free", 0}})
+        EXPECT_EQ(ac::config_util::str_to_exception_mode(text), mode) << text;
+    standin::Config::instance().set("m", "k", "");
+    EXPECT_EQ(thrown_text([] { ac::config_util::get_int("m", "k", true); }),
+              "Parameter m.k is not an integer: \"\"");
 }
 
 // An action that is not in the store has id 0 and no portals.
@@ -140,6 +153,23 @@ TEST(HostQueue, AThrowingHandlerIsLoggedAndTheQueueGoesOn)
                                   "handler for boom threw: no such thing",
                                   "handler for odd threw an unknown exception",
                                   "no handler for none; message dropped"}));
+}
+
+// A queue that goes frees the messages it still holds, and the bus is idle.
+TEST(HostQueue, AQueueFreesWhatItStillHolds)
+{
+    struct Counted : ac::Message {
+        explicit Counted(int* freed) : ac::Message("left", 0, nullptr), freed_(freed) {}
+        ~Counted() override { ++*freed_; }
+        int* freed_;
+    };
+    int freed = 0;
+    {
+        ac::MessageEnqueuer queue;
+        queue.enqueue(new Counted(&freed), nullptr);
+    }
+    EXPECT_EQ(freed, 1);
+    EXPECT_TRUE(standin::Bus::instance().wait_idle(std::chrono::seconds(1)));
 }
 
 // The idle barrier wakes its waiter as the last delivery ends. The bound given

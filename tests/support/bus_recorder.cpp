@@ -1,7 +1,8 @@
 #include "bus_recorder.h"
 
-#include <algorithm>
-#include <condition_variable>
+#include <gtest/gtest.h>
+
+#include <cstddef>
 #include <mutex>
 #include <sstream>
 
@@ -12,8 +13,6 @@ namespace catra_test {
 
 struct BusRecorder::Shared {
     mutable std::mutex mutex;
-    mutable std::condition_variable recorded;
-    std::vector<RecordedMessage> messages;
     std::vector<std::string> trace;
     std::size_t writes_seen = SyscallFaults::device_writes().size();
 
@@ -48,24 +47,20 @@ std::string render(const std::string& type, const std::vector<ac::MessageField>&
     return out.str();
 }
 
-std::string render(const RecordedMessage& message)
-{
-    return render(message.type, message.fields) + (message.sync ? " (sync)" : "");
-}
-
 BusRecorder::BusRecorder() : shared_(std::make_shared<Shared>())
 {
     std::shared_ptr<Shared> shared = shared_;
     subscription_ =
         standin::Bus::instance().subscribe([shared](const ac::Message& message, bool sync) {
-            RecordedMessage record{message.type(), message.fields(), sync};
-            {
-                std::lock_guard<std::mutex> lock(shared->mutex);
-                shared->take_writes();
-                shared->trace.push_back(render(record));
-                shared->messages.push_back(std::move(record));
-            }
-            shared->recorded.notify_all();
+            const std::string line =
+                render(message.type(), message.fields()) + (sync ? " (sync)" : "");
+            if (message.priority() != 0 || message.reply_callback() != nullptr)
+                ADD_FAILURE() << line << " was built with priority " << message.priority()
+                              << (message.reply_callback() ? " and a reply callback" : "")
+                              << ", not as new ac::Message(type, 0, nullptr)";
+            std::lock_guard<std::mutex> lock(shared->mutex);
+            shared->take_writes();
+            shared->trace.push_back(line);
         });
 }
 
@@ -81,22 +76,9 @@ std::vector<std::string> BusRecorder::trace() const
     return shared_->trace;
 }
 
-bool BusRecorder::wait_for(const std::string& type, std::size_t count,
-                           std::chrono::milliseconds timeout) const
-{
-    std::unique_lock<std::mutex> lock(shared_->mutex);
-    return shared_->recorded.wait_for(lock, timeout, [&] {
-        const auto seen =
-            std::count_if(shared_->messages.begin(), shared_->messages.end(),
-                          [&](const RecordedMessage& message) { return message.type == type; });
-        return static_cast<std::size_t>(seen) >= count;
-    });
-}
-
 void BusRecorder::clear()
 {
     std::lock_guard<std::mutex> lock(shared_->mutex);
-    shared_->messages.clear();
     shared_->trace.clear();
     shared_->writes_seen = SyscallFaults::device_writes().size();
 }

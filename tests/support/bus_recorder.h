@@ -1,10 +1,9 @@
-// Records every message sent on the stand-in host's bus, in the order sent.
+// Records every message sent on the stand-in host's bus, in the order sent,
+// and fails the running test for any message not built the one way that the
+// plug-in and the tests build theirs: new ac::Message(type, 0, nullptr).
 #pragma once
 
-#include <chrono>
-#include <cstddef>
 #include <memory>
-#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -13,15 +12,8 @@
 
 namespace catra_test {
 
-struct RecordedMessage {
-    std::string type;
-    std::vector<ac::MessageField> fields;
-    bool sync = false;
-};
-
 // One line for failure messages: type{key=1,key="text"}, fields in order,
-// texts quoted, with a trailing " (sync)" for synchronous sends.
-std::string render(const RecordedMessage& message);
+// texts quoted.
 std::string render(const std::string& type, const std::vector<ac::MessageField>& fields);
 
 class BusRecorder {
@@ -33,14 +25,10 @@ public:
     BusRecorder(const BusRecorder&) = delete;
     BusRecorder& operator=(const BusRecorder&) = delete;
 
-    // Messages rendered as render() does and, in between, each write call on
-    // the controller device as "write <bytes>" (NULs shown as \0), in the
-    // order they happened.
+    // Messages rendered as render() does, with a trailing " (sync)" for
+    // synchronous sends, and, in between, each write call on the controller
+    // device as "write <bytes>" (NULs shown as \0), in the order they happened.
     std::vector<std::string> trace() const;
-    // Waits until at least `count` messages of that type were recorded since
-    // the last clear(); false on time-out.
-    bool wait_for(const std::string& type, std::size_t count,
-                  std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
     void clear();
 
     struct Shared;

@@ -7,8 +7,6 @@
 #include <cstdio>
 #include <system_error>
 
-#include "terminal_test.h"
-
 namespace catra_test {
 
 StderrCapture::StderrCapture()
@@ -39,11 +37,6 @@ std::string StderrCapture::text() const
     while ((count = ::pread(file_, buffer, sizeof buffer, static_cast<off_t>(captured.size()))) > 0)
         captured.append(buffer, static_cast<std::size_t>(count));
     return captured;
-}
-
-bool StderrCapture::wait_for(const std::string& needle, std::chrono::milliseconds timeout) const
-{
-    return eventually([&] { return text().find(needle) != std::string::npos; }, timeout);
 }
 
 }  // namespace catra_test

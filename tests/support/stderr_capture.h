@@ -2,7 +2,6 @@
 // example the perror lines of the code under test, while the object lives.
 #pragma once
 
-#include <chrono>
 #include <string>
 
 namespace catra_test {
@@ -20,8 +19,6 @@ public:
 
     // Everything written to standard error so far.
     std::string text() const;
-    // Waits until the captured text contains `needle`; false on time-out.
-    bool wait_for(const std::string& needle, std::chrono::milliseconds timeout) const;
 
 private:
     int saved_stderr_ = -1;

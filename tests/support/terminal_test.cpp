@@ -198,6 +198,20 @@ bool TerminalTest::wait_idle(std::chrono::milliseconds timeout)
     return bus().wait_idle(timeout);
 }
 
+std::vector<std::string> TerminalTest::debug_lines(const std::string& function) const
+{
+    std::vector<std::string> texts;
+    for (const standin::LogLine& line : logs_->lines()) {
+        if (line.kind != standin::LogLine::Kind::debug)
+            continue;
+        if (function.empty())
+            texts.push_back(line.function + ": " + line.text);
+        else if (line.function == function)
+            texts.push_back(line.text);
+    }
+    return texts;
+}
+
 std::string TestPty::drain()
 {
     std::string all;

@@ -32,7 +32,6 @@
 #include "standin/standin.h"
 #include "stderr_capture.h"
 #include "syscall_faults.h"
-#include "watchdog_feeds.h"
 
 namespace catra_test {
 
@@ -157,6 +156,8 @@ protected:
     {
         return logs_->texts(kind);
     }
+    // The debug lines as "function: text", or of one function its texts alone.
+    std::vector<std::string> debug_lines(const std::string& function = "") const;
 
     TestPty& pty() { return *pty_; }
     BusRecorder& recorder() { return *recorder_; }

@@ -62,21 +62,6 @@ protected:
             *handled = msg->handled();
         return render(reply.replied() ? "reply" : "unreplied", reply.fields());
     }
-
-    // The debug lines as "function: text", or of one function its texts alone.
-    Texts debug_lines(const std::string& function = "")
-    {
-        Texts lines;
-        for (const standin::LogLine& line : logs().lines()) {
-            if (line.kind != standin::LogLine::Kind::debug)
-                continue;
-            if (function.empty())
-                lines.push_back(line.function + ": " + line.text);
-            else if (line.function == function)
-                lines.push_back(line.text);
-        }
-        return lines;
-    }
 };
 
 }  // namespace catra_test

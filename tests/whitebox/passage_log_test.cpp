@@ -41,7 +41,7 @@ TEST_F(PassageLog, OnlineTheOperationModeDecidesAndAnUnansweredQuestionRaises)
     const struct {
         int online;
         const char* client;  // null: the host's default, an answer
-        int mode;
+        int mode;            // -1: unset, which the host answers as 0
         bool asked;
         bool updated;
         const char* raised;
@@ -50,6 +50,7 @@ TEST_F(PassageLog, OnlineTheOperationModeDecidesAndAnUnansweredQuestionRaises)
         {1, "answer", 1, true, true, ""},
         {1, "answer", 0, true, false, ""},
         {1, nullptr, 1, true, true, ""},
+        {1, "answer", -1, true, false, ""},
         {1, "silent", 1, true, false, "Message online_client_get_operation_mode not replied"},
         {1, "no_mode", 1, true, false, "Wrong parameters in reply"},
     };
@@ -60,6 +61,7 @@ TEST_F(PassageLog, OnlineTheOperationModeDecidesAndAnUnansweredQuestionRaises)
         {"update_last_log", [] { update_last_log(CatraEvent::TURN_LEFT); }},
         {"create_give_up_log", [] { create_give_up_log(false); }},
     };
+    EXPECT_EQ(records(), seeded_);  // as the host seeds them
     for (const auto& row : table) {
         for (const auto& update : updates) {
             SCOPED_TRACE(std::string(update.name) + ", online " + std::to_string(row.online) +
@@ -69,7 +71,8 @@ TEST_F(PassageLog, OnlineTheOperationModeDecidesAndAnUnansweredQuestionRaises)
             config().set("host", "online", row.online);
             row.client ? config().set("host", "online_client", row.client)
                        : config().erase("host", "online_client");
-            config().set("host", "online_client_mode", row.mode);
+            row.mode < 0 ? config().erase("host", "online_client_mode")
+                         : config().set("host", "online_client_mode", row.mode);
 
             EXPECT_EQ(thrown_text(update.call), row.raised);
             EXPECT_EQ(records() != seeded_, row.updated);
@@ -93,13 +96,13 @@ TEST_F(PassageLog, DataAccessFailuresAreDroppedWithoutATrace)
     const struct {
         std::pair<std::string, std::string> fault;
         std::function<void()> call;
-        std::size_t debug_lines;  // lines written before the failure
+        Texts debug_lines;  // written before the failure
     } table[] = {
-        {unreadable, turn, 0},
-        {unwritable, turn, 1},
-        {unreadable, give_up, 0},
-        {unwritable, give_up, 1},
-        {unreadable, give_up_earlier, 0},
+        {unreadable, turn, {}},
+        {unwritable, turn, {"portal_id: 2, user_id: 101"}},
+        {unreadable, give_up, {}},
+        {unwritable, give_up, {"Portal_id: 2, user_id: 101"}},
+        {unreadable, give_up_earlier, {}},
     };
     for (const auto& row : table) {
         SCOPED_TRACE(row.fault.first + ", row " + std::to_string(&row - table));
@@ -108,7 +111,7 @@ TEST_F(PassageLog, DataAccessFailuresAreDroppedWithoutATrace)
         EXPECT_NO_THROW(row.call());
         database().exec(row.fault.second);
         EXPECT_EQ(records(), seeded_);
-        EXPECT_EQ(log_texts(standin::LogLine::Kind::debug).size(), row.debug_lines);
+        EXPECT_EQ(log_texts(standin::LogLine::Kind::debug), row.debug_lines);
         EXPECT_TRUE(log_texts(standin::LogLine::Kind::error).empty());
         EXPECT_EQ(recorder().trace(), Texts{});
     }
@@ -122,8 +125,10 @@ TEST_F(PassageLog, PortalActionsFollowAntiPassbackAndTheGatewaySide)
         int portal_1;
         int portal_2;
     } table[] = {
-        {0, "clockwise", 4, 4},     {0, nullptr, 4, 4}, {1, "clockwise", 3, 2},
-        {1, "anticlockwise", 2, 3}, {1, nullptr, 2, 3}, {1, "Clockwise", 2, 3},
+        {0, "clockwise", 4, 4},
+        {1, "clockwise", 3, 2},
+        {1, nullptr, 2, 3},
+        {1, "Clockwise", 2, 3},
     };
     for (const auto& row : table) {
         SCOPED_TRACE(std::string("anti-passback ") + std::to_string(row.antipassback) +

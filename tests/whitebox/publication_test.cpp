@@ -1,8 +1,9 @@
-// Event and state names, and the publication of events and state changes.
+// The publication of events and state changes.
 #include <gtest/gtest.h>
 
-#include <ctime>
 #include <mutex>
+#include <string>
+#include <vector>
 
 #include "catra_internal.h"
 #include "terminal_test.h"
@@ -10,16 +11,25 @@
 namespace catra_test {
 namespace {
 
-// Codes without a name; the named ones are shown with every event and state
-// change the model publishes.
-TEST(EventNames, CodesOutsideTheTablesAreUnknown)
+// Each change is told to the debug log by name (the names of the events are
+// those the model's messages show).
+TEST(Publication, EachChangeIsLoggedByName)
 {
-    for (int code : {13, -1, -32, 25})
-        EXPECT_EQ(catra_event_to_string(code), "UNKNOWN EVENT") << code;
-    for (int state : {4, -1})
-        EXPECT_EQ(catra_state_to_string(state), "UNKNOWN STATE") << state;
-    EXPECT_EQ(catra_event_to_string(CatraEvent::BLOCKED),
-              catra_state_to_string(CatraState::BLOCKED));
+    LogRecorder logs;
+    BusRecorder recorder;
+    std::lock_guard<std::mutex> lock(state_mutex);
+    for (int state : {0, 1, 2, 3})
+        send_message_catra_state_changed(state);
+    send_message_catra_default_state_changed(CatraState::BLOCKED);
+    send_message_catra_enabled_changed(true);
+    send_message_catra_enabled_changed(false);
+    new_catra_event(CatraEvent::EVENT_READY);
+    EXPECT_EQ(
+        logs.texts(standin::LogLine::Kind::debug),
+        (std::vector<std::string>{"Catra state : BLOCKED", "Catra state : LEFT LIBERATED",
+                                  "Catra state : RIGHT LIBERATED", "Catra state : BOTH LIBERATED",
+                                  "Catra default_state : BLOCKED", "Catra enabled : 1",
+                                  "Catra enabled : 0", "Catra event : EVENT_READY"}));
 }
 
 // The publishers run with state_mutex held by their callers; so do the tests.

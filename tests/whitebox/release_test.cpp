@@ -1,6 +1,6 @@
-// Releasing the turnstile where the turnstile's model does not reach: a
-// release whose exit-request record finds no portal or is refused, and a
-// request without a direction.
+// Releasing the turnstile where the turnstile's model does not reach: the
+// reason named in a release's debug line, a release whose exit-request record
+// finds no portal or is refused, and a request without a direction.
 #include <gtest/gtest.h>
 
 #include <mutex>
@@ -12,6 +12,8 @@
 
 namespace catra_test {
 namespace {
+
+using namespace std::string_literals;
 
 // The plug-in's code with the controller line as its device, the turnstile
 // enabled and blocked, the previous request's uuid pending.
@@ -33,14 +35,21 @@ protected:
 TEST_F(Release, AnActionWithoutAPortalOfThisDeviceWritesNoRecord)
 {
     config().set("host", "device_id", 7);
-    {
-        std::lock_guard<std::mutex> lock(state_mutex);
-        liberate_catra("clockwise", ac::util::REX);
+    for (const auto& [reason, name] : {std::pair{ac::util::UNKNOWN, "UNKNOWN"},
+                                       {ac::util::REX, "REX"},
+                                       {ac::util::WEB, "WEB"}}) {
+        recorder().clear();
+        logs().clear();
+        {
+            std::lock_guard<std::mutex> lock(state_mutex);
+            liberate_catra("clockwise", reason);
+        }
+        EXPECT_EQ(recorder().trace(), Texts{"write r5\\0"});
+        EXPECT_EQ(
+            debug_lines("log_catra_liberated"),
+            (Texts{"Allow clockwise! Reason: "s + name,
+                   "No portal of this device for action 3: exit-request record not written"}));
     }
-    EXPECT_EQ(recorder().trace(), Texts{"write r5\\0"});
-    EXPECT_EQ(debug_lines("log_catra_liberated"),
-              (Texts{"Allow clockwise! Reason: REX",
-                     "No portal of this device for action 3: exit-request record not written"}));
     EXPECT_TRUE(rex_records().empty());
 }
 

@@ -85,6 +85,17 @@ void transfer_callback(ac::Message* msg);
 void enqueue_copy_callback(ac::Message* msg);
 void keep_alive_callback();
 
+// The message types that the plug-in listens to, in registration order, with
+// the flag of each row and the handler that the queue calls.
+struct ListenedType {
+    const char* type;
+    bool flag;
+    bool copied;  // queued as a copy rather than transferred
+    void (*handler)(ac::Message*);
+};
+extern const ListenedType listened_types[];
+extern const int listened_count;
+
 // ---------------------------------------------------------------- controller link
 bool init_catra(std::string* error);
 // REQUIRES: state_mutex held by the caller, or start-up before any thread.

@@ -31,18 +31,7 @@ int rex_pending = 0;
 
 // ---------------------------------------------------------------- frame
 
-namespace {
-
-// The ten message types that the plug-in listens to, in registration order,
-// with the flag of each row.
-struct listened_type {
-    const char* type;
-    bool flag;
-    bool copied;  // queued as a copy rather than transferred
-    void (*handler)(ac::Message*);
-};
-
-const listened_type listened_types[] = {
+const ListenedType listened_types[] = {
     {"catra_catra_enabled", false, false, catra_enabled_callback},
     {"catra_set_catra_enabled", false, false, catra_set_enabled_callback},
     {"catra_state", false, false, catra_state_callback},
@@ -55,9 +44,7 @@ const listened_type listened_types[] = {
     {"config_param_set", false, true, config_param_set_callback},
 };
 
-constexpr int listened_count = sizeof(listened_types) / sizeof(listened_types[0]);
-
-}  // namespace
+const int listened_count = sizeof(listened_types) / sizeof(listened_types[0]);
 
 extern "C" bool init(ac::Plugin* plugin, std::string* error)
 {
@@ -70,7 +57,7 @@ extern "C" bool init(ac::Plugin* plugin, std::string* error)
 
     std::vector<ac::MessageListener> registry_table;
     std::vector<ac::MessageListener> queue_table;
-    for (const listened_type& row : listened_types) {
+    for (const ListenedType& row : listened_types) {
         registry_table.push_back(
             {row.type, row.copied ? enqueue_copy_callback : transfer_callback, row.flag});
         queue_table.push_back({row.type, row.handler, row.flag});

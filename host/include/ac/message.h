@@ -47,6 +47,11 @@ public:
 
     const std::vector<MessageField>& fields() const;
 
+    // What the sender built the message with, for the host's observers.
+    int priority() const;
+    using ReplyCallback = void (*)(MessageReply*);
+    ReplyCallback reply_callback() const;
+
     // Host bookkeeping of synchronous deliveries; opaque to plug-ins.
     struct Completion;
     std::shared_ptr<Completion> completion() const;
