@@ -21,14 +21,13 @@ std::vector<std::string> texts(const std::optional<std::vector<History::Event>>&
 
 TEST(History, KeepsTheNewestWithinItsBoundsAndDropsAStreamThatFellBehind)
 {
-    History history(4, 5);
+    History history(3, 6);
     std::uint64_t next = history.first();
     for (const char* event : {"ab", "cd", "e"})
         history.add(event);
     EXPECT_EQ(texts(history.read(next, 0ms)), (std::vector<std::string>{"ab", "cd", "e"}));
     EXPECT_EQ(next, 3u);
-    EXPECT_EQ(texts(history.read(next, 0ms)), std::vector<std::string>{});
-    history.add("f");  // 6 bytes: "ab" goes
+    history.add("f");  // a fourth line: "ab" goes
     EXPECT_EQ(history.first(), 1u);
     EXPECT_EQ(texts(history.read(next, 0ms)), std::vector<std::string>{"f"});
     history.add("0123456789");  // alone past the bytes: kept, alone
@@ -36,10 +35,6 @@ TEST(History, KeepsTheNewestWithinItsBoundsAndDropsAStreamThatFellBehind)
     std::uint64_t behind = 3;
     EXPECT_EQ(history.read(behind, 0ms), std::nullopt);
     EXPECT_EQ(texts(history.read(next, 0ms)), std::vector<std::string>{"0123456789"});
-    History lines(2, 100);
-    for (const char* event : {"a", "b", "c"})
-        lines.add(event);
-    EXPECT_EQ(lines.first(), 1u);
 }
 
 TEST(History, AWaitingReadGetsTheNextEventAndAStopEndsEveryRead)

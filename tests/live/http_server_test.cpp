@@ -228,9 +228,6 @@ TEST(HttpServer, EachRequestGetsItsAnswerOrTheBoundItPassed)
         {"many ranges", "GET /echo HTTP/1.1\r\n" + kHost + "Range: bytes=0-,0-,0-,0-\r\n\r\n",
          "HTTP/1.1 200 OK", "GET /echo from 127.0.0.1 q= body=0\n"},
         // Anything after the first request is never read.
-        {"pipelined requests",
-         "GET /echo?q=1 HTTP/1.1\r\n" + kHost + "\r\nGET /echo?q=2 HTTP/1.1\r\n" + kHost + "\r\n",
-         "HTTP/1.1 200 OK", "GET /echo from 127.0.0.1 q=1 body=0\n"},
         {"a request smuggled in a body that Content-Length and chunks frame apart",
          "POST /echo HTTP/1.1\r\n" + kHost +
              "Content-Length: 4\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\nGET /echo?q=2 "

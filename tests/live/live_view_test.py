@@ -25,9 +25,6 @@ from selenium.webdriver.common.by import By
 from selenium.webdriver.support.ui import WebDriverWait
 
 program, config, folder = sys.argv[1:4]
-bad = subprocess.run([program, '--http', 'nowhere:80'], capture_output=True, text=True)
-if bad.returncode == 0 or '"nowhere" is not an IP address or localhost' not in bad.stderr:
-    raise AssertionError('--http nowhere:80: %d %s' % (bad.returncode, bad.stderr))
 out_path = os.path.join(folder, 'live_view_test.out.jsonl')
 err_path = os.path.join(folder, 'live_view_test.err.txt')
 typist, keyboard = pty.openpty()
@@ -98,7 +95,6 @@ try:
             ('command', b'{"expect": {"note": "never"}, "timeout_ms": 0}', {}, 422,
              'expect {"note":"never"}: no such line within 0 ms; the nearest...'),
             ('info', None, {'Host': 'evil.example'}, 403, None),
-            ('command', b'{"note": "x"}', {'Origin': 'http://evil.example'}, 403, None),
             ('info', None, {}, 200,
              '{"simulated":true,"device_path":"%s","buttonholes":[40,41,42],'
              '"operation_mode":"blocked","exception_mode":"0","gateway":"clockwise","event_names":'
@@ -150,8 +146,7 @@ try:
                                                      open(token_err.name).read()), 'URL')[1]
             expect(other_url.endswith('/?token=' + secret), True, 'the URL carries the secret')
             base = other_url.replace('0.0.0.0', '127.0.0.1').split('?')[0]
-            for headers, status in [({}, 401), ({'Authorization': 'Bearer ' + secret}, 200),
-                                    ({'Cookie': 'catra_live_token=' + secret}, 200)]:
+            for headers, status in [({}, 401), ({'Cookie': 'catra_live_token=' + secret}, 200)]:
                 expect(request('info', None, headers, base)[0], status, headers)
             # The printed address gives the page its cookie.
             with urllib.request.urlopen(base + '?token=' + secret, timeout=10) as page:

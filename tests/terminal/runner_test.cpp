@@ -42,7 +42,6 @@ TEST(Runner, ATurnstileLineWithoutTheSimulatorIsRefused)
                   "    {\"note\":\"n\"}\n");
     const std::pair<std::string, terminal::Script::Outcome> posted[] = {
         {R"({"person": "turn_right"})", {Kind::refused, "\"person\"" + device}},
-        {R"({"wait_ms": 2001})", {Kind::bad, "\"wait_ms\" must be at most 2000"}},
         {R"({"expect": {"note": "m"}, "timeout_ms": 0})",
          {Kind::unmet,
           "expect {\"note\":\"m\"}: no such line within 0 ms; the nearest of the 1 line printed "
@@ -61,20 +60,6 @@ TEST(Runner, ATurnstileLineWithoutTheSimulatorIsRefused)
     EXPECT_EQ(std::make_tuple(tally.expectations, tally.met, tally.bad_lines,
                               tally.init_failure_expected),
               std::make_tuple(2, 1, 1, false));
-}
-
-// After a failed init the actions are refused; the failure may be expected.
-TEST(Runner, AnExpectedInitFailureIsToldApart)
-{
-    Parts parts;
-    terminal::Script script(
-        {parts.output, parts.window, standin::Database::instance(), nullptr, parts.messages, ""});
-    script.refuse_actions("the plug-in did not start");
-    parts.output.emit(lines::init_failed_line("no fi1"));
-    std::istringstream input("{\"send\": \"x\"}\n{\"expect\": {\"init_failed\": \"no fi1\"}}\n");
-    script.run(input);
-    EXPECT_EQ(parts.said.str(), "t: line 1: \"send\" is not run: the plug-in did not start\n");
-    EXPECT_TRUE(script.tally().init_failure_expected);
 }
 
 }  // namespace

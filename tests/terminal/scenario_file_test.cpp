@@ -35,10 +35,6 @@ TEST_F(ScenarioFile, AWrittenScenarioNamesItsConfigurationFromItsFolder)
     writer.write(lines::note_line("x"));
     EXPECT_EQ(text_of(scenario), "# one\n# two\n# config: ../t.ini\n{\"note\":\"x\"}\n");
     EXPECT_EQ(terminal::scenario_config(scenario), (folder / "sub" / "../t.ini").string());
-    terminal::ScenarioWriter(scenario, {}, "");
-    EXPECT_EQ(text_of(scenario), "");
-    EXPECT_THROW(terminal::ScenarioWriter((folder / "none" / "s.jsonl").string(), {}, ""),
-                 std::runtime_error);
 }
 
 TEST_F(ScenarioFile, TheConfigurationIsReadFromTheCommentsAtTheTop)
@@ -49,7 +45,6 @@ TEST_F(ScenarioFile, TheConfigurationIsReadFromTheCommentsAtTheTop)
         {"# a comment\n# config:\n# config: b.ini\n", (folder / "b.ini").string()},
         {"# config: /etc/c.ini\n", "/etc/c.ini"},
         {"# configuration: a.ini\n", ""},
-        {"#config:a.ini", (folder / "a.ini").string()},
         {"{\"note\": \"x\"}\n# config: a.ini\n", ""},
     };
     for (const auto& [text, config] : rows) {
