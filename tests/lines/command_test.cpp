@@ -38,6 +38,7 @@ TEST(Command, AWaitTakesItsTimeOrItsDefault)
     };
     for (const auto& [line, time] : waits)
         EXPECT_EQ(std::get<lines::Look>(parsed(line).arguments).time, time) << line;
+    EXPECT_EQ(parsed(R"({"request": "x", "fields": {"a": 1}})").verb, lines::Verb::request);
     EXPECT_EQ(lines::parse_command("  # {\"send\": 5}"), std::nullopt);
 }
 

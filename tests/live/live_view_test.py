@@ -95,6 +95,7 @@ try:
             ('command', b'{"expect": {"note": "never"}, "timeout_ms": 0}', {}, 422,
              'expect {"note":"never"}: no such line within 0 ms; the nearest...'),
             ('info', None, {'Host': 'evil.example'}, 403, None),
+            ('command', b'{"note": "x"}', {'Origin': 'http://evil.example'}, 403, None),
             ('info', None, {}, 200,
              '{"simulated":true,"device_path":"%s","buttonholes":[40,41,42],'
              '"operation_mode":"blocked","exception_mode":"0","gateway":"clockwise","event_names":'
@@ -114,11 +115,11 @@ try:
         expect((got_status, got_text if text is not None else None), (status, text),
                '%s %r %r' % (path, body and body[:30], headers))
 
-    # Every answer forbids framing.
+    # The page, and every answer forbids framing.
     with urllib.request.urlopen(url, timeout=10) as page:
-        expect((page.headers['X-Frame-Options'], page.headers['Content-Security-Policy']),
-               ('DENY', "default-src 'self'; frame-ancestors 'none'; base-uri 'none'; "
-                        "form-action 'none'"), 'framing headers')
+        expect((page.status, page.headers['X-Frame-Options'], page.headers['Content-Security-Policy']),
+               (200, 'DENY', "default-src 'self'; frame-ancestors 'none'; base-uri 'none'; "
+                             "form-action 'none'"), 'the page and its framing headers')
     # At most 32 watching pages; the next is refused, and a page that goes
     # frees its slot.
     held = []
@@ -158,17 +159,20 @@ try:
     # The stream starts with the history: the terminal's output from its first
     # line on, each line told as the terminal tells it. (The controller may
     # print the set-up's first command after the plug-in's own later lines.)
+    expect(request('command', b'{"config": {"module": "catra", "key": "operation_mode", '
+                              b'"value": "blocked"}}')[0], 200, 'a mode posted')
     events = wait_until(lambda: request('events', stream=True), 'a stream free again')
     with events:
         expect(events.headers.get_content_type(), 'text/event-stream', 'events type')
         streamed = []
-        while not streamed or streamed[-1]['line'] != {'controller': 'd'}:
+        while not streamed or 'shows' not in streamed[-1] or 'sent' not in streamed[-1]['line']:
             data = events.readline().decode()
             if data.startswith('data: '):
                 streamed.append(json.loads(data[len('data: '):]))
         expect(streamed[0]['line'], json.loads(open(out_path).readline()), 'history')
-        expect(streamed[-1], {'kind': 'controller', 'label': 'controller', 'text': '< d',
-                              'line': {'controller': 'd'}}, 'a line told')
+        expect(streamed[-1]['shows'], {'operation_mode': 'blocked'}, 'what a line shows')
+        expect({'kind': 'controller', 'label': 'controller', 'text': '< d', 'line': {'controller': 'd'}}
+               in streamed, True, 'a line told')
 
     options = webdriver.ChromeOptions()
     options.binary_location = '/usr/bin/chromium'

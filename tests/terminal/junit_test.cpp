@@ -14,7 +14,7 @@ TEST(Junit, TextIsEscapedAndBytesThatAreNotUtf8Replaced)
     const std::pair<std::string, std::string> rows[] = {
         {"a<b>&\"c\"'", "a&lt;b&gt;&amp;\"c\"'"},
         {"\x01\x1f\t\n\r\x7f", "??\t\n\r\x7f"},
-        {"\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80", "\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80"},
+        {"\xc2\xa9\xe0\xa4\x85\xf0\x9f\x98\x80", "\xc2\xa9\xe0\xa4\x85\xf0\x9f\x98\x80"},
         {"\xc0\xaf<", bad + bad + "&lt;"},
         {"\xe2\x82", bad + bad},
         {"\xf5\x80\x80\x80", bad + bad + bad + bad},

@@ -56,10 +56,12 @@ TEST(Runner, ATurnstileLineWithoutTheSimulatorIsRefused)
         const terminal::Script::Outcome got = script.run_posted(line, 2000ms, 0ms);
         EXPECT_EQ(std::make_pair(got.kind, got.text), std::make_pair(outcome.kind, outcome.text));
     }
+    std::istringstream more("{\"expect\": {\"note\": \"n\"}}");
+    script.run(more);  // the script's lines count again
     const terminal::Script::Tally tally = script.tally();
     EXPECT_EQ(std::make_tuple(tally.expectations, tally.met, tally.bad_lines,
                               tally.init_failure_expected),
-              std::make_tuple(2, 1, 1, false));
+              std::make_tuple(3, 2, 1, false));
 }
 
 }  // namespace

@@ -5,6 +5,7 @@ file."""
 import contextlib
 import json
 import os
+import signal
 import pty
 import sqlite3
 import subprocess
@@ -67,7 +68,7 @@ class Terminal(unittest.TestCase):
         typo = self.file("typo.jsonl", f'# config: {CONFIG}\n{{"expcet": 1}}\n{{"expect": {{"controller": "d"}}}}\n')
         empty = self.file("empty.jsonl", f"# config: {CONFIG}\n" + script())
         self.file("no-fi1.ini", open(CONFIG).read().replace("\nfi1 =", "\nno_fi1 ="))
-        init = self.file("init.jsonl", '# config: no-fi1.ini\n{"expect_none": {"controller": "r5"}}\n')
+        init = self.file("init.jsonl", '# config: no-fi1.ini\n{"expect_none": {"controller": "r5"}}\n{"person": "turn_left"}\n')
         scenarios = [os.path.join(EXAMPLES, "give-up.jsonl"), wrong, bad_config, "missing.jsonl", typo, empty, init]
         junit = os.path.join(self.folder, "report.xml")
         result = run("--check", *scenarios, "-j", "2", "--junit", junit)
@@ -78,10 +79,12 @@ class Terminal(unittest.TestCase):
                                         "FAIL missing.jsonl 0/0", f"FAIL {typo} 1/1", f"FAIL {empty} 0/0",
                                         f"FAIL {init} 1/1"]))
         for reason in [f"{typo}:2: unknown command \"expcet\"", "the scenario states no expectations",
-                       "the plug-in did not start: Parameter catra.fi1 not found"]:
+                       "the plug-in did not start: Parameter catra.fi1 not found",
+                       f'{init}:3: "person" is not run: the plug-in did not start']:
             self.assertIn(f"\n      {reason}\n", result.stdout)
         self.assertIn(f"      {broken}:2: not a section, a key = value or a comment\n", result.stdout)
         self.assertIn("      missing.jsonl: cannot be read\n", result.stdout)
+        self.assertIn(f"{wrong}: scenario files are checked with --check", run(wrong).stderr)
         self.assertRegex(result.stdout.splitlines()[-1], r"^7 scenarios: 1 passed, 6 failed, in \d+\.\d\d s$")
         # The report's document is tests/terminal/junit_test.cpp's.
         suite = ElementTree.parse(junit).getroot().find("testsuite")
@@ -96,6 +99,7 @@ class Terminal(unittest.TestCase):
             '{"person": "turn_left"}', '{"wait_for": {"bus": "catra_state_changed", "fields": [["state", 0]]}}',
             '{"dump": "counters"}']) + "\n"
         self.assertEqual(run("--config", CONFIG, "--record", recorded, stdin=session).returncode, 0)
+        self.assertEqual(run("--record", os.path.join(self.folder, "none", "s.jsonl")).returncode, 1)
         with open(recorded) as text:
             lines = [json.loads(line) for line in text if not line.startswith("#")]
         self.assertEqual([line for line in lines if "expect" not in line],
@@ -134,6 +138,16 @@ class Terminal(unittest.TestCase):
                              [("entrance_turns", 1), ("right_turns", 1)])
             self.assertEqual(rows("SELECT portal_id, position, action_id FROM portal_actions ORDER BY portal_id"),
                              [(1, 0, 4), (2, 0, 4)])
+
+    def test_sigterm_stops_the_session(self):
+        process = subprocess.Popen([TERMINAL, "--plugin", PLUGIN, "--config", CONFIG], stdin=subprocess.PIPE,
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        process.stdout.readline()  # the session runs: the stop signals are its own
+        process.send_signal(signal.SIGTERM)
+        said = process.communicate(timeout=30)[1]
+        self.assertEqual(process.returncode, 128 + signal.SIGTERM)
+        self.assertTrue(said.startswith("catra-terminal: stopped by SIGTERM"), said)
+
 
 if __name__ == "__main__":
     unittest.main(argv=[sys.argv[0], *sys.argv[4:]])
