@@ -165,12 +165,12 @@ try:
     with events:
         expect(events.headers.get_content_type(), 'text/event-stream', 'events type')
         streamed = []
-        while not streamed or 'shows' not in streamed[-1] or 'sent' not in streamed[-1]['line']:
+        while not streamed or streamed[-1]['line'].get('sent') != 'config_param_set':
             data = events.readline().decode()
             if data.startswith('data: '):
                 streamed.append(json.loads(data[len('data: '):]))
         expect(streamed[0]['line'], json.loads(open(out_path).readline()), 'history')
-        expect(streamed[-1]['shows'], {'operation_mode': 'blocked'}, 'what a line shows')
+        expect(streamed[-1].get('shows'), {'operation_mode': 'blocked'}, 'what a line shows')
         expect({'kind': 'controller', 'label': 'controller', 'text': '< d', 'line': {'controller': 'd'}}
                in streamed, True, 'a line told')
 
