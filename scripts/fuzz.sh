@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# The plug-in's fuzz targets, built with the "fuzz" preset (clang 14,
+# The fuzz targets, built with the "fuzz" preset (clang 14,
 # libFuzzer, address and undefined-behaviour sanitizers).
 #
 #   scripts/fuzz.sh replay                   the test command's stage: each
@@ -7,6 +7,7 @@
 #       fuzz/crashes/<target>/), then fuzzes 20000 inputs with a fixed seed
 #   scripts/fuzz.sh [SECONDS] [TARGET...]    fuzzes each target for SECONDS
 #       (default 300) with a random seed; targets: controller_bytes bus_messages
+#       command_parser
 #
 # Fuzzing for longer starts from the committed corpus. New inputs go to
 # build/fuzz/long/<target>/corpus; a crash's input is written to
@@ -29,7 +30,7 @@ fi
 seconds=${1:-300}
 shift || true
 targets=("$@")
-[ "${#targets[@]}" -eq 0 ] && targets=(controller_bytes bus_messages)
+[ "${#targets[@]}" -eq 0 ] && targets=(controller_bytes bus_messages command_parser)
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
 export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}

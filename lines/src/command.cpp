@@ -275,6 +275,8 @@ std::optional<Command> parse_command(const std::string& line, const Grammar& gra
         command = Json::parse(line);
     } catch (const Json::parse_error& e) {
         throw CommandError("not valid JSON (at character " + std::to_string(e.byte) + ")");
+    } catch (const Json::out_of_range&) {
+        throw CommandError("not valid JSON: a number out of range");
     }
     if (!command.is_object())
         throw CommandError("a command is one JSON object, not " + std::string(command.type_name()));

@@ -15,7 +15,7 @@ std::string xml_text(const std::string& text, bool attribute)
         const auto byte = static_cast<unsigned char>(text[i]);
         std::size_t length = byte < 0x80                   ? 1
                              : byte >= 0xf0 && byte < 0xf5 ? 4
-                             : byte >= 0xe0                ? 3
+                             : byte >= 0xe0 && byte < 0xf0 ? 3
                              : byte >= 0xc2 && byte < 0xe0 ? 2
                                                            : 0;
         for (std::size_t k = 1; k < length; ++k) {
