@@ -32,33 +32,13 @@ const char* const kKeys[] = {
     "catra_direction", "uuid",  "catra_reason", "enabled", "gpio",         "value", "id",
     "module",          "param", "timeout",      "state",   "default_state"};
 
-const char* const kTexts[] = {"clockwise",
-                              "anticlockwise",
-                              "both",
-                              "always",
-                              "alwaysclockwise",
-                              "alwaysanticlockwise",
-                              "idle",
-                              "entrance_open",
-                              "exit_open",
-                              "both_open",
-                              "blocked",
-                              "catra",
-                              "identifier",
-                              "gpio",
-                              "",
-                              "gateway",
-                              "operation_mode",
-                              "anti_passback",
-                              "daily_reset",
-                              "antipassback_enabled",
-                              "exception_mode",
-                              "free",
-                              "0",
-                              "1",
-                              "2",
-                              "Clockwise",
-                              "uuid-1"};
+// clang-format off
+const char* const kTexts[] = {
+    "clockwise", "anticlockwise", "both", "always", "alwaysclockwise", "alwaysanticlockwise",
+    "idle", "entrance_open", "exit_open", "both_open", "blocked", "catra", "identifier", "gpio",
+    "", "gateway", "operation_mode", "anti_passback", "daily_reset", "antipassback_enabled",
+    "exception_mode", "free", "0", "1", "2", "Clockwise", "uuid-1"};
+// clang-format on
 
 const int kNotableInts[] = {0,  1,  2,  3,  4,  -1, 5,  9,  10,  11,      12,
                             13, 20, 21, 30, 31, 40, 41, 42, 100, INT_MIN, INT_MAX};
