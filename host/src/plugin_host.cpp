@@ -113,7 +113,8 @@ ac::Plugin& PluginHost::plugin()
 bool PluginHost::start()
 {
     int (*run)() = plugin_.run_function();
-    if (!run || run_thread_.joinable())
+    std::lock_guard<std::mutex> lock(thread_mutex_);
+    if (!run || run_thread_.joinable() || stopped_)
         return false;
     finished_.store(false);
     run_thread_ = std::thread([this, run] {
@@ -133,14 +134,21 @@ bool PluginHost::start()
 
 void PluginHost::stop()
 {
-    if (!run_thread_.joinable() || run_thread_.get_id() == std::this_thread::get_id())
-        return;
+    std::thread running;
+    {
+        std::lock_guard<std::mutex> lock(thread_mutex_);
+        stopped_ = true;
+        if (!run_thread_.joinable() || run_thread_.get_id() == std::this_thread::get_id())
+            return;
+        running = std::move(run_thread_);
+    }
     Bus::instance().stop_queues();
-    run_thread_.join();
+    running.join();
 }
 
 bool PluginHost::running() const
 {
+    std::lock_guard<std::mutex> lock(thread_mutex_);
     return run_thread_.joinable() && !finished_.load(std::memory_order_acquire);
 }
 

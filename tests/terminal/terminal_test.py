@@ -146,7 +146,7 @@ class Terminal(unittest.TestCase):
         process.stdout.readline()  # the session runs: the stop signals are its own
         process.send_signal(signal.SIGTERM)
         said = process.communicate(timeout=30)[1]
-        self.assertEqual(process.returncode, 128 + signal.SIGTERM)
+        self.assertEqual(process.returncode, 128 + signal.SIGTERM, said)
         self.assertTrue(said.startswith("catra-terminal: stopped by SIGTERM"), said)
 
 

@@ -283,14 +283,14 @@ TEST_F(ConfigChange, EachReadOfAMissingKeyRaisesOnlyWhereTheKeyIsRequired)
     // With every key in place: the wait's time-out in seconds and
     // microseconds, and the GPIO numbers in the lists, empty at load.
     set_default_configuration();
-    config().set("catra", "select_timeout", 1500);
+    config().set("catra", "select_timeout", 2001);
     photo_sensor_gpios.clear();
     photo_sensor_values.clear();
     solenoid_gpios.clear();
     solenoid_values.clear();
     EXPECT_EQ(thrown_text(set_up), "");
-    EXPECT_EQ(select_timeval.tv_sec, 1);
-    EXPECT_EQ(select_timeval.tv_usec, 500000);
+    EXPECT_EQ(select_timeval.tv_sec, 2);
+    EXPECT_EQ(select_timeval.tv_usec, 1000);
     EXPECT_EQ(photo_sensor_gpios, (std::vector<int>{kFi1Gpio, kFi2Gpio}));
     EXPECT_EQ(solenoid_gpios, (std::vector<int>{kSol1Gpio, kSol2Gpio, kCollectorGpio}));
     EXPECT_EQ(solenoid_values, (std::vector<bool>{false, false, false}));

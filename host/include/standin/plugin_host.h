@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 
@@ -43,7 +44,11 @@ private:
     std::string path_;
     void* handle_ = nullptr;
     ac::Plugin plugin_;
-    std::thread run_thread_;
+    // start() and stop() may come from two threads at once: the session's
+    // steps start the plug-in while a stop signal ends the process.
+    mutable std::mutex thread_mutex_;
+    std::thread run_thread_;  // guarded by thread_mutex_
+    bool stopped_ = false;    // guarded by thread_mutex_; no start() after a stop()
     std::shared_ptr<int> result_;
     std::atomic<bool> finished_{false};  // set by the run thread when run has returned
 };
