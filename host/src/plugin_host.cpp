@@ -134,16 +134,16 @@ bool PluginHost::start()
 
 void PluginHost::stop()
 {
-    std::thread running;
+    std::thread run_thread;
     {
         std::lock_guard<std::mutex> lock(thread_mutex_);
         stopped_ = true;
         if (!run_thread_.joinable() || run_thread_.get_id() == std::this_thread::get_id())
             return;
-        running = std::move(run_thread_);
+        run_thread = std::move(run_thread_);
     }
     Bus::instance().stop_queues();
-    running.join();
+    run_thread.join();
 }
 
 bool PluginHost::running() const
