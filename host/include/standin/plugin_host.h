@@ -31,7 +31,7 @@ public:
     bool init(std::string* error);
     ac::Plugin& plugin();
     // Starts the run function on the run thread; false when none was
-    // registered or it was already started.
+    // registered, it was already started, or stop() came first.
     bool start();
     // Once run was started: stops every queue on the bus (run serves the
     // plug-in's) and waits for run to return. Does nothing on the run thread.
