@@ -1,6 +1,7 @@
 // The script runner without a plug-in: the lines that cannot run here,
 // reported with where they stand; a failed expectation; a posted line's
-// outcome, never counted.
+// outcome, never counted, and what it tells while it runs; a line as long as
+// the whole window.
 #include <gtest/gtest.h>
 
 #include <sstream>
@@ -56,12 +57,22 @@ TEST(Runner, ATurnstileLineWithoutTheSimulatorIsRefused)
         const terminal::Script::Outcome got = script.run_posted(line, 2000ms, 0ms);
         EXPECT_EQ(std::make_pair(got.kind, got.text), std::make_pair(outcome.kind, outcome.text));
     }
+    std::string running;
+    parts.output.subscribe(
+        [&](const lines::Json&, const std::string&) { running = script.running(); });
+    script.run_posted(R"({"note": "p"})", 2000ms, 0ms);
+    EXPECT_EQ(running, R"(posted line: {"note": "p"})");
     std::istringstream more("{\"expect\": {\"note\": \"n\"}}");
     script.run(more);  // the script's lines count again
     const terminal::Script::Tally tally = script.tally();
     EXPECT_EQ(std::make_tuple(tally.expectations, tally.met, tally.bad_lines,
                               tally.init_failure_expected),
               std::make_tuple(3, 2, 1, false));
+    // 11 bytes of {"note":""} and the text: the line fills the window, and is kept.
+    const lines::Json longest =
+        lines::note_line(std::string(terminal::Window::kMostBytes - 11, 'x'));
+    parts.output.emit(longest);
+    EXPECT_TRUE(parts.window.wait_for(longest, 0ms));
 }
 
 }  // namespace

@@ -59,6 +59,12 @@ class Terminal(unittest.TestCase):
         self.assertEqual([line for line in printed if "sent" in line or "reply" in line], [
             {"sent": "catra_state", "fields": []},
             {"reply": "catra_state", "replied": True, "fields": [["state", 0], ["default_state", 0]]}])
+        # Without a configuration the plug-in does not start: one bad line, and an expectation met
+        # that does not pass a session whose init failure no line expects.
+        one = self.file("one.jsonl", "not json\n")
+        self.assertEqual(run("--script", one).stderr.splitlines()[-1],
+                         f"catra-terminal: {one}: 0 of 0 expectations met, 1 line not run")
+        self.assertEqual(run("--script", self.file("met.jsonl", '{"expect_none": {"controller": "r5"}}\n')).returncode, 1)
 
     def test_check_prints_a_line_per_scenario_and_writes_junit(self):
         wrong = self.file("wrong.jsonl", f'# config: {CONFIG}\n{{"expect": {{"controller": "x"}}, "timeout_ms": 10}}\n')
