@@ -1,6 +1,6 @@
 // Configuration changes: which "config_param_set" messages reach which
-// reaction, the default mode of each operation mode, the exception modes and
-// the anti-passback settings handed to the host.
+// reaction, the default mode of each operation mode, the exception modes, the
+// portals' actions and the anti-passback settings handed to the host.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -98,6 +98,11 @@ TEST_F(ConfigChange, RoutingByModuleAndParameter)
         EXPECT_EQ(host_key("antipassback_enabled"), "1");
         EXPECT_EQ(host_key("antipassback_mode"), std::nullopt);
     }
+    // Any other side than "clockwise" gives the portals each other's actions.
+    database().exec("DELETE FROM portal_actions");
+    config().set("catra", "gateway", "Clockwise");
+    EXPECT_TRUE(change("catra", "gateway", "Clockwise").empty());
+    EXPECT_EQ(portal_actions(), (standin::Rows{{1, 2}, {2, 3}}));
 }
 
 TEST_F(ConfigChange, ExceptionModeOverridesOrRereadsTheOperationMode)

@@ -1,5 +1,5 @@
-// The access-log bookkeeping of passages and give-ups, the operation-mode
-// question to the online client, and the access actions of the two portals.
+// The access-log bookkeeping of passages and give-ups, and the operation-mode
+// question to the online client.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -114,32 +114,6 @@ TEST_F(PassageLog, DataAccessFailuresAreDroppedWithoutATrace)
         EXPECT_EQ(log_texts(standin::LogLine::Kind::debug), row.debug_lines);
         EXPECT_TRUE(log_texts(standin::LogLine::Kind::error).empty());
         EXPECT_EQ(recorder().trace(), Texts{});
-    }
-}
-
-TEST_F(PassageLog, PortalActionsFollowAntiPassbackAndTheGatewaySide)
-{
-    const struct {
-        int antipassback;
-        const char* gateway;
-        int portal_1;
-        int portal_2;
-    } table[] = {
-        {0, "clockwise", 4, 4},
-        {1, "clockwise", 3, 2},
-        {1, nullptr, 2, 3},
-        {1, "Clockwise", 2, 3},
-    };
-    for (const auto& row : table) {
-        SCOPED_TRACE(std::string("anti-passback ") + std::to_string(row.antipassback) +
-                     ", gateway " + (row.gateway ? row.gateway : "<unset>"));
-        config().set("host", "antipassback_enabled", row.antipassback);
-        row.gateway ? config().set("catra", "gateway", row.gateway)
-                    : config().erase("catra", "gateway");
-        set_portal_actions();
-        EXPECT_EQ(database().query("SELECT portal_id, position, action_id FROM portal_actions "
-                                   "ORDER BY portal_id, position"),
-                  (standin::Rows{{1, 0, row.portal_1}, {2, 0, row.portal_2}}));
     }
 }
 
