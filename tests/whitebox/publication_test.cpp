@@ -1,9 +1,8 @@
-// The publication of events and state changes.
+// The publication of events: a failed store of the access event.
 #include <gtest/gtest.h>
 
 #include <mutex>
 #include <string>
-#include <vector>
 
 #include "catra_internal.h"
 #include "terminal_test.h"
@@ -11,28 +10,7 @@
 namespace catra_test {
 namespace {
 
-// Each change is told to the debug log by name (the names of the events are
-// those the model's messages show).
-TEST(Publication, EachChangeIsLoggedByName)
-{
-    LogRecorder logs;
-    BusRecorder recorder;
-    std::lock_guard<std::mutex> lock(state_mutex);
-    for (int state : {0, 1, 2, 3})
-        send_message_catra_state_changed(state);
-    send_message_catra_default_state_changed(CatraState::BLOCKED);
-    send_message_catra_enabled_changed(true);
-    send_message_catra_enabled_changed(false);
-    new_catra_event(CatraEvent::EVENT_READY);
-    EXPECT_EQ(
-        logs.texts(standin::LogLine::Kind::debug),
-        (std::vector<std::string>{"Catra state : BLOCKED", "Catra state : LEFT LIBERATED",
-                                  "Catra state : RIGHT LIBERATED", "Catra state : BOTH LIBERATED",
-                                  "Catra default_state : BLOCKED", "Catra enabled : 1",
-                                  "Catra enabled : 0", "Catra event : EVENT_READY"}));
-}
-
-// The publishers run with state_mutex held by their callers; so do the tests.
+// The publishers run with state_mutex held by their callers; so does the test.
 // A failed store of the access event leaves before the message is built.
 TEST(Publication, ADataAccessFailureSendsNothingAndKeepsTheUuid)
 {
