@@ -1,7 +1,8 @@
-// The running plug-in's event thread ends when the controller is lost, and
-// later commands never reach the lost descriptor's number. (The time filter
-// and the state machine are shown by the turnstile's model, an unknown letter
-// by a scenario.)
+// The running plug-in's event thread ends when the controller is lost (the
+// line hung up, whose read delivers no byte; a failed read; a failed wait),
+// decoding nothing, and later commands never reach the lost descriptor's
+// number. (The time filter and the state machine are shown by the turnstile's
+// model, an unknown letter by a scenario.)
 #include <algorithm>
 #include <cerrno>
 #include <ostream>
@@ -43,7 +44,7 @@ enum class Loss { hang_up, read_fails, wait_fails };
 struct ControllerLoss {
     const char* name;
     Loss loss;
-    const char* report;  // the start of the event thread's last line on standard error
+    const char* report;  // the event thread's last line on standard error
 };
 
 void PrintTo(const ControllerLoss& row, std::ostream* out)
@@ -75,8 +76,9 @@ TEST_P(ControllerLost, EndsTheThreadAndLaterCommandsNeverReachTheNumber)
         return eventually([&] { return capture.text().find(text) != std::string::npos; });
     };
     EXPECT_TRUE(says(row.report)) << capture.text();
-    if (row.loss == Loss::read_fails) {
-        EXPECT_EQ(events(), 1) << "an event was decoded from a failed read";
+    // (The wait armed to fail may be the one after the letter that woke it.)
+    if (row.loss != Loss::wait_fails) {
+        EXPECT_EQ(events(), 1) << "an event was decoded from a failed or empty read";
     }
 
     send("config_param_set",
@@ -90,7 +92,8 @@ TEST_P(ControllerLost, EndsTheThreadAndLaterCommandsNeverReachTheNumber)
 
 INSTANTIATE_TEST_SUITE_P(
     EachWay, ControllerLost,
-    ::testing::Values(ControllerLoss{"HangUp", Loss::hang_up, "Nao foi possivel ler o GPIO: "},
+    ::testing::Values(ControllerLoss{"HangUp", Loss::hang_up,
+                                     "Nao foi possivel ler o GPIO: fim de arquivo\n"},
                       ControllerLoss{"ReadFails", Loss::read_fails,
                                      "Nao foi possivel ler o GPIO: Input/output error\n"},
                       ControllerLoss{"WaitFails", Loss::wait_fails,

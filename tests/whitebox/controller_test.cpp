@@ -3,7 +3,6 @@
 // an event thread without a device to watch.
 #include <fcntl.h>
 #include <sys/select.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -152,27 +151,6 @@ TEST_F(Controller, AnEventThreadWithoutAWatchableDeviceSaysSoAndEnds)
         EXPECT_EQ(log_texts(standin::LogLine::Kind::error),
                   (Texts{"catra_run: set_thread_name failure", unwatchable}));
     }
-    catra_fd = line;
-}
-
-// A device that delivers no byte has hung up: the event thread closes it and
-// ends, and no event is decoded. (A pseudo-terminal's hang-up fails the read
-// instead; a socket ends.)
-using ControllerRead = ControllerLineTest;
-
-TEST_F(ControllerRead, ADeviceAtItsEndIsClosedAndNothingDecoded)
-{
-    int ends[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    ::close(ends[1]);
-    const int line = catra_fd;
-    catra_fd = ends[0];
-    StderrCapture capture;
-    EXPECT_FALSE(read_catra_event());
-    EXPECT_EQ(capture.text(), "Nao foi possivel ler o GPIO: fim de arquivo\n");
-    EXPECT_TRUE(catra_fd_closed);
-    EXPECT_TRUE(recorder().trace().empty());
-    catra_fd_closed = false;
     catra_fd = line;
 }
 
