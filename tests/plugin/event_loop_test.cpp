@@ -83,7 +83,7 @@ TEST_P(ControllerLost, EndsTheThreadAndLaterCommandsNeverReachTheNumber)
 
     send("config_param_set",
          {{"module", "catra"}, {"param", "operation_mode"}, {"value", "both_open"}});
-    ASSERT_TRUE(wait_idle());
+    ASSERT_TRUE(bus().wait_idle());
     EXPECT_TRUE(says("Nao foi possivel liberar a CATRACA: Bad file descriptor\n"))
         << capture.text();
     EXPECT_EQ(SyscallFaults::writes_after_close(), 0);

@@ -34,7 +34,7 @@ protected:
     }
     long buzzes()
     {
-        const Texts lines = log_texts(Kind::host);
+        const Texts lines = logs().texts(Kind::host);
         return std::count(lines.begin(), lines.end(), "buzzer");
     }
 };
@@ -67,7 +67,7 @@ TEST_F(ExitRequest, EachBurstOfPressesGivesOneReleaseOneBuzzAndOneRecord)
             EXPECT_GE(std::chrono::steady_clock::now() - pressed, std::chrono::milliseconds(100));
         }
         ASSERT_TRUE(eventually([&] { return buzzes() == 1; }));
-        ASSERT_TRUE(wait_idle());
+        ASSERT_TRUE(bus().wait_idle());
         EXPECT_EQ(buzzes(), 1);
         EXPECT_EQ(debug_lines("log_catra_liberated"), Texts{burst.logged});
         EXPECT_EQ(database().query("SELECT user_id, portal_id, event, reason FROM access_logs "

@@ -78,7 +78,7 @@ TEST_F(Frame, RunHandsTheWatchdogPeriodToTheQueueAndFeedsCatra)
     ASSERT_TRUE(run_plugin());
     ASSERT_TRUE(SyscallFaults::wait_device_closed(kWait));
     const Texts served = {"queue served; keep-alive after each message and every 600000 ms idle"};
-    ASSERT_TRUE(eventually([&] { return log_texts(standin::LogLine::Kind::host) == served; }));
+    ASSERT_TRUE(eventually([&] { return logs().texts(standin::LogLine::Kind::host) == served; }));
 
     // The event thread fed "catra" on its one pass; the queue feeds it after
     // each message it serves.

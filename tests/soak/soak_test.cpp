@@ -57,7 +57,7 @@ protected:
     void SetUp() override
     {
         TerminalTest::SetUp();
-        logs().set_echo(false);
+        standin::Logs::instance().set_echo(false);
         clock().set_real();  // so that the time filter lets some k and j through
     }
     void TearDown() override
@@ -177,7 +177,7 @@ TEST_F(Soak, EventThreadQueueAndExitRequestWorkersAtOnce)
                 duration_s, seed);
 
     ASSERT_TRUE(run_plugin());
-    ASSERT_TRUE(wait_idle());
+    ASSERT_TRUE(bus().wait_idle());
     observe();
 
     // The controller side reads every command, so the plug-in's writes never
@@ -201,7 +201,7 @@ TEST_F(Soak, EventThreadQueueAndExitRequestWorkersAtOnce)
 
     const bool all_read = eventually([&] { return letters_read_ == written_; }, kCatchUp);
     // The queue, the delivery thread and the exit-request workers are done.
-    const bool quiet = wait_idle(kCatchUp);
+    const bool quiet = bus().wait_idle(kCatchUp);
     recorder().clear();
     const long counted[2] = {static_cast<long>(database().counter("left_turns")),
                              static_cast<long>(database().counter("right_turns"))};

@@ -76,8 +76,6 @@ Field::Field(std::string key, int value)
     field.int_value = value;
 }
 
-Field::Field(std::string key, const char* value) : Field(std::move(key), std::string(value)) {}
-
 Field::Field(std::string key, std::string value)
 {
     field.key = std::move(key);
@@ -101,12 +99,11 @@ void TerminalTest::SetUp()
     standin::install_services();
     logs_ = std::make_unique<LogRecorder>();
     pty_ = std::make_unique<TestPty>();
-    SyscallFaults::reset();
-    SyscallFaults::watch_path(pty_->slave_path());
-    clock().set_manual(start_time());
+    SyscallFaults::reset(pty_->slave_path());
+    clock().set_manual(timespec{1000, 0});
     set_default_configuration();
     database().open(":memory:");
-    database().seed(kDeviceId, static_cast<int>(start_time().tv_sec));
+    database().seed(kDeviceId, 1000);
     recorder_ = std::make_unique<BusRecorder>();
 }
 
@@ -177,25 +174,19 @@ Reply TerminalTest::request(const std::string& type, const Fields& fields)
     return Reply{reply.replied(), reply.fields()};
 }
 
-bool TerminalTest::expect_commands(const std::vector<std::string>& commands,
-                                   std::chrono::milliseconds timeout)
+bool TerminalTest::expect_commands(const std::vector<std::string>& commands)
 {
     std::vector<std::string> received;
     while (received.size() < commands.size() &&
            received ==
                std::vector<std::string>(commands.begin(), commands.begin() + received.size())) {
-        const std::optional<std::string> command = pty_->read_command(timeout);
+        const std::optional<std::string> command = pty_->read_command(kWait);
         if (!command)
             break;
         received.push_back(*command);
     }
     EXPECT_EQ(received, commands) << "texts written to the controller";
     return received == commands;
-}
-
-bool TerminalTest::wait_idle(std::chrono::milliseconds timeout)
-{
-    return bus().wait_idle(timeout);
 }
 
 std::vector<std::string> TerminalTest::debug_lines(const std::string& function) const

@@ -65,7 +65,6 @@ std::string refusal(const std::string& statement, const std::string& table);
 // A message field for send() and request(): {"key", 5} or {"key", "text"}.
 struct Field {
     Field(std::string key, int value);
-    Field(std::string key, const char* value);
     Field(std::string key, std::string value);
     ac::MessageField field;
 };
@@ -90,18 +89,12 @@ public:
     std::string drain();
 };
 
+// Configuration values of the defaults (kFi1Gpio, kDeviceId, ...), for
+// expectations.
+using namespace simulator::defaults;
+
 class TerminalTest : public ::testing::Test {
 public:
-    // Configuration values of the defaults, for expectations.
-    static constexpr long long kDeviceId = simulator::defaults::kDeviceId;
-    static constexpr int kFi1Gpio = simulator::defaults::kFi1Gpio;
-    static constexpr int kFi2Gpio = simulator::defaults::kFi2Gpio;
-    static constexpr int kSol1Gpio = simulator::defaults::kSol1Gpio;
-    static constexpr int kSol2Gpio = simulator::defaults::kSol2Gpio;
-    static constexpr int kCollectorGpio = simulator::defaults::kCollectorGpio;
-    // Where the manual clock stands at the start of each test.
-    static timespec start_time() { return timespec{1000, 0}; }
-
     // The controller texts of a successful set-up with the default
     // configuration, in order, each without its NUL.
     static std::vector<std::string> setup_commands();
@@ -145,22 +138,14 @@ protected:
     // Reads the next texts written to the controller and checks them, in
     // order, against `commands` (each without its NUL). Adds a failure that
     // shows what arrived instead, and returns false, on the first mismatch.
-    bool expect_commands(const std::vector<std::string>& commands,
-                         std::chrono::milliseconds timeout = kWait);
+    bool expect_commands(const std::vector<std::string>& commands);
 
-    // Waits until the bus and the queues are idle (the stand-in's barrier).
-    bool wait_idle(std::chrono::milliseconds timeout = kWait);
-
-    // The texts of the log lines of one kind, in order.
-    std::vector<std::string> log_texts(standin::LogLine::Kind kind) const
-    {
-        return logs_->texts(kind);
-    }
     // The debug lines as "function: text", or of one function its texts alone.
     std::vector<std::string> debug_lines(const std::string& function = "") const;
 
     TestPty& pty() { return *pty_; }
     BusRecorder& recorder() { return *recorder_; }
+    // Its wait_idle() waits until the bus and the queues are idle.
     standin::Bus& bus() { return standin::Bus::instance(); }
     standin::Config& config() { return standin::Config::instance(); }
     standin::Clock& clock() { return standin::Clock::instance(); }

@@ -148,7 +148,7 @@ TEST_F(Controller, AnEventThreadWithoutAWatchableDeviceSaysSoAndEnds)
         do_catra_run();
         const std::string unwatchable = "catra_run: controller descriptor " + std::to_string(fd) +
                                         " cannot be watched; turnstile events will not be read";
-        EXPECT_EQ(log_texts(standin::LogLine::Kind::error),
+        EXPECT_EQ(logs().texts(standin::LogLine::Kind::error),
                   (Texts{"catra_run: set_thread_name failure", unwatchable}));
     }
     catra_fd = line;

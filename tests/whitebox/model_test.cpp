@@ -354,7 +354,7 @@ protected:
     void SetUp() override
     {
         ControllerLineTest::SetUp();
-        logs().set_echo(false);
+        standin::Logs::instance().set_echo(false);
         database().add_portal(3, kDeviceId, "portal 3");
         database().exec(
             "DELETE FROM action_portals;"
@@ -362,7 +362,7 @@ protected:
     }
     void TearDown() override
     {
-        logs().set_echo(true);
+        standin::Logs::instance().set_echo(true);
         ControllerLineTest::TearDown();
     }
 
@@ -439,7 +439,7 @@ RC_GTEST_FIXTURE_PROP(Turnstile, FollowsItsDecisionTables, ())
             records.push_back(std::to_string(portal) + " " + std::to_string(event) + " " +
                               std::to_string(user) + " " + std::to_string(written));
         RC_ASSERT(seen == model.out);
-        RC_ASSERT(log_texts(standin::LogLine::Kind::error) == model.errors);
+        RC_ASSERT(logs().texts(standin::LogLine::Kind::error) == model.errors);
         RC_ASSERT(column("SELECT portal_id || ' ' || event || ' ' || user_id || ' ' || "
                          "(time >= " +
                          start + ") FROM access_logs ORDER BY id") == records);

@@ -111,8 +111,8 @@ TEST_F(PassageLog, DataAccessFailuresAreDroppedWithoutATrace)
         EXPECT_NO_THROW(row.call());
         database().exec(row.fault.second);
         EXPECT_EQ(records(), seeded_);
-        EXPECT_EQ(log_texts(standin::LogLine::Kind::debug), row.debug_lines);
-        EXPECT_TRUE(log_texts(standin::LogLine::Kind::error).empty());
+        EXPECT_EQ(logs().texts(standin::LogLine::Kind::debug), row.debug_lines);
+        EXPECT_TRUE(logs().texts(standin::LogLine::Kind::error).empty());
         EXPECT_EQ(recorder().trace(), Texts{});
     }
 }
