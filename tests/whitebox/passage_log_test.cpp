@@ -1,5 +1,6 @@
-// The access-log bookkeeping of passages and give-ups, and the operation-mode
-// question to the online client.
+// The access-log bookkeeping of passages and give-ups, the operation-mode
+// question to the online client, and data-access failures, which leave no
+// trace.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -83,33 +84,42 @@ TEST_F(PassageLog, OnlineTheOperationModeDecidesAndAnUnansweredQuestionRaises)
 }
 
 // SQLite refusing the records: the table gone for the reads, a trigger that
-// raises for the writes; each undone after its row.
-TEST_F(PassageLog, DataAccessFailuresAreDroppedWithoutATrace)
+// raises for the writes; each undone after its row. A passage's record that
+// fails is dropped; a turn's access event that cannot be stored is raised
+// before its message is built, and the pending release's uuid stays.
+TEST_F(PassageLog, DataAccessFailuresLeaveNoTrace)
 {
     const std::pair<std::string, std::string> unreadable = {
         "ALTER TABLE access_logs RENAME TO hidden", "ALTER TABLE hidden RENAME TO access_logs"};
     const std::pair<std::string, std::string> unwritable = {refusal("UPDATE", "access_logs"),
                                                             "DROP TRIGGER refuse"};
+    const std::pair<std::string, std::string> no_events = {refusal("INSERT", "access_events"),
+                                                           "DROP TRIGGER refuse"};
     const auto turn = [] { update_last_log(CatraEvent::TURN_RIGHT); };
     const auto give_up = [] { create_give_up_log(false); };
     const auto give_up_earlier = [] { create_give_up_log(true); };
+    const auto event = [] { send_message_catra_event(CatraEvent::TURN_LEFT); };
     const struct {
         std::pair<std::string, std::string> fault;
         std::function<void()> call;
         Texts debug_lines;  // written before the failure
+        const char* raised = "";
     } table[] = {
         {unreadable, turn, {}},
         {unwritable, turn, {"portal_id: 2, user_id: 101"}},
         {unreadable, give_up, {}},
         {unwritable, give_up, {"Portal_id: 2, user_id: 101"}},
         {unreadable, give_up_earlier, {}},
+        {no_events, event, {}, "disk I/O error"},
     };
     for (const auto& row : table) {
         SCOPED_TRACE(row.fault.first + ", row " + std::to_string(&row - table));
         restore_records();
+        release_uuid = "abc";
         database().exec(row.fault.first);
-        EXPECT_NO_THROW(row.call());
+        EXPECT_EQ(thrown_text(row.call), row.raised);
         database().exec(row.fault.second);
+        EXPECT_EQ(release_uuid, "abc");
         EXPECT_EQ(records(), seeded_);
         EXPECT_EQ(logs().texts(standin::LogLine::Kind::debug), row.debug_lines);
         EXPECT_TRUE(logs().texts(standin::LogLine::Kind::error).empty());
