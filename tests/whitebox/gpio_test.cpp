@@ -193,11 +193,8 @@ TEST_F(Gpio, NotificationWithoutGpioOrValueIsRaised)
 // turnstile's model.)
 TEST_F(Gpio, AChangeTheControllerRefusesKeepsTheFlag)
 {
-    const Texts handed_over = {
-        "gpio_set_value{gpio=10,value=0}",       "gpio_set_value{gpio=11,value=0}",
-        "gpio_set_value{gpio=12,value=0}",       "gpio_update{gpio=20,enabled=0} (sync)",
-        "gpio_update{gpio=21,enabled=0} (sync)", "gpio_update{gpio=10,enabled=0} (sync)",
-        "gpio_update{gpio=11,enabled=0} (sync)", "write e\\0"};
+    // All that enabling sends up to the refused "e"; the refused "d" first.
+    const Texts handed_over(kEnabling.begin(), kEnabling.end() - 1);
     const std::string eio = "Input/output error";
     const struct {
         bool before;
@@ -206,17 +203,12 @@ TEST_F(Gpio, AChangeTheControllerRefusesKeepsTheFlag)
         std::string outcome;  // the raised text, or the perror line
         Texts trace;
     } table[] = {
-        {false,
-         {{"enabled", 1}},
-         EIO,
-         "Nao foi possivel configurar a catraca com o comando: e: " + eio,
+        // clang-format off
+        {false, {{"enabled", 1}}, EIO, "Nao foi possivel configurar a catraca com o comando: e: " + eio,
          handed_over},
-        {true,
-         {{"enabled", 0}},
-         EIO,
-         "Nao foi possivel desabilitar o Catra: " + eio,
-         {"write d\\0"}},
+        {true, {{"enabled", 0}}, EIO, "Nao foi possivel desabilitar o Catra: " + eio, {kDisabling.front()}},
         {true, {}, 0, "catra enabled not found!", {}},
+        // clang-format on
     };
     for (const auto& row : table) {
         SCOPED_TRACE("from " + std::to_string(row.before) + ": " + row.outcome);

@@ -9,8 +9,8 @@
 //
 // The model is the turnstile's decision tables written as data (what each
 // letter does, turns by state, ways by gateway, the command back to the
-// default, the command of a release, the modes, enabling and disabling), read
-// by a few generic lines.
+// default, the command of a release, the modes; enabling and disabling are the
+// fixture's), read by a few generic lines.
 //
 // Beside it, a check that owes nothing to the tables: the same requests, with
 // people pushing instead of letters, against the simulated controller on the
@@ -147,20 +147,6 @@ const struct {
     const char* commands[2];
 } kModes[] = {
     {"entrance_open", {"al", "ar"}}, {"exit_open", {"ar", "al"}}, {"both_open", {"ab", "ab"}}};
-
-// Enabling and disabling: what goes out, in order.
-const Texts kEnabling = {
-    "gpio_set_value{gpio=10,value=0}",       "gpio_set_value{gpio=11,value=0}",
-    "gpio_set_value{gpio=12,value=0}",       "gpio_update{gpio=20,enabled=0} (sync)",
-    "gpio_update{gpio=21,enabled=0} (sync)", "gpio_update{gpio=10,enabled=0} (sync)",
-    "gpio_update{gpio=11,enabled=0} (sync)", "write e\\0",
-    "catra_catra_enabled_changed{enabled=1}"};
-const Texts kDisabling = {"write d\\0",
-                          "gpio_update{gpio=20,enabled=1} (sync)",
-                          "gpio_update{gpio=21,enabled=1} (sync)",
-                          "gpio_update{gpio=10,enabled=1} (sync)",
-                          "gpio_update{gpio=11,enabled=1} (sync)",
-                          "catra_catra_enabled_changed{enabled=0}"};
 
 bool has_digit(const char* digits, int value)
 {
