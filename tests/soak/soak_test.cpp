@@ -156,8 +156,6 @@ protected:
         }
     }
 
-    const char* const kRefusals[2] = {"ERROR: Cannot turn left  while blocked!!",
-                                      "ERROR: Cannot turn right while blocked!!"};
     std::atomic<bool> stop_{false};
     // Written by the traffic threads, read once they have ended.
     std::string controller_problem_, module_problem_;

@@ -35,6 +35,10 @@
 
 namespace catra_test {
 
+// The error lines of a turn refused on the left and on the right side.
+const char* const kRefusals[2] = {"ERROR: Cannot turn left  while blocked!!",
+                                  "ERROR: Cannot turn right while blocked!!"};
+
 // Bound of every wait on an observed effect; only reached when a test fails.
 constexpr std::chrono::milliseconds kWait{5000};
 

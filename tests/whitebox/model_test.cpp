@@ -83,14 +83,12 @@ const struct {
     {"EVENT_NOT_READY", Does::report, 0, 0},
 };
 
-// A turn by the current state, [state][side]: refused, counted, or counted
-// after the two-way release's record learns the side taken (unless the
-// default state is BOTH LIBERATED).
+// A turn by the current state, [state][side]: refused (with kRefusals[side]),
+// counted, or counted after the two-way release's record learns the side taken
+// (unless the default state is BOTH LIBERATED).
 enum Turn { refused, counted, completes };
 const Turn kTurns[4][2] = {
     {refused, refused}, {counted, refused}, {refused, counted}, {completes, completes}};
-const char* const kRefusals[2] = {"ERROR: Cannot turn left  while blocked!!",
-                                  "ERROR: Cannot turn right while blocked!!"};
 
 // By "gateway" (anything else, "clockwise") and side: the counter of the way
 // (2 entrance, 3 exit; 0 and 1 are the left and right counters) and the portal.
@@ -147,11 +145,6 @@ const struct {
     const char* commands[2];
 } kModes[] = {
     {"entrance_open", {"al", "ar"}}, {"exit_open", {"ar", "al"}}, {"both_open", {"ab", "ab"}}};
-
-bool has_digit(const char* digits, int value)
-{
-    return std::strchr(digits, '0' + value) != nullptr;
-}
 
 // ---------------------------------------------------------------- the model
 
@@ -262,7 +255,8 @@ struct Model {
         if (named == std::end(kDirections))
             return command(direction);
         const auto row = std::find_if(std::begin(kReleases), std::end(kReleases), [&](auto& row) {
-            return has_digit(row.defaults, fallback) && has_digit(row.currents, current);
+            return std::strchr(row.defaults, '0' + fallback) &&
+                   std::strchr(row.currents, '0' + current);
         });
         const char* chosen = row->commands[named - std::begin(kDirections)];
         if (chosen == nullptr)
