@@ -55,8 +55,7 @@ TEST_F(ExitRequest, EachBurstOfPressesGivesOneReleaseOneBuzzAndOneRecord)
         {{{20, 1}, {41, 0}}, "r5", "Allow clockwise! Reason: REX", true},
     };
     for (const auto& burst : bursts) {
-        SCOPED_TRACE(burst.logged + std::string(" from ") + std::to_string(burst.levels.size()) +
-                     " notifications");
+        SCOPED_TRACE("burst " + std::to_string(&burst - bursts + 1));
         logs().clear();
         const auto pressed = std::chrono::steady_clock::now();
         notify(burst.levels);

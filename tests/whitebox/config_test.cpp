@@ -89,9 +89,7 @@ TEST_F(ConfigChange, RoutingByModuleAndParameter)
         {"catra", "unknown", "1", {}, false},
     };
     for (const auto& row : table) {
-        SCOPED_TRACE(std::string(row.module ? row.module : "(none)") + " / " +
-                     (row.param ? row.param : "(none)") + " = " +
-                     (row.value ? row.value : "(none)"));
+        SCOPED_TRACE("row " + std::to_string(&row - table + 1));
         database().exec("DELETE FROM portal_actions");
         EXPECT_EQ(change(row.module, row.param, row.value), row.writes);
         EXPECT_EQ(portal_actions(), row.portal_actions_set ? actions_set : standin::Rows{});

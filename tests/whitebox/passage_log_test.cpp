@@ -65,9 +65,7 @@ TEST_F(PassageLog, OnlineTheOperationModeDecidesAndAnUnansweredQuestionRaises)
     EXPECT_EQ(records(), seeded_);  // as the host seeds them
     for (const auto& row : table) {
         for (const auto& update : updates) {
-            SCOPED_TRACE(std::string(update.name) + ", online " + std::to_string(row.online) +
-                         ", client " + (row.client ? row.client : "unset") + ", mode " +
-                         std::to_string(row.mode));
+            SCOPED_TRACE(update.name + (", row " + std::to_string(&row - table + 1)));
             restore_records();
             config().set("host", "online", row.online);
             row.client ? config().set("host", "online_client", row.client)
