@@ -55,15 +55,14 @@ TEST_F(Controller, TimedReleasesPulseTheRelaysOfTheirDirection)
     const std::string slow = "gpio_activate{timeout=250,gpio=30}";
     const struct {
         int relay_1_enabled;
-        const char* relay_1_direction;  // nullptr: not configured
+        const char* relay_1_direction;  // "": as when not configured
         int relay_2_enabled;
         const char* relay_2_direction;
         bool ktr;  // device model varnek_KTR: relay 2 does not exist
         int relay_timeout;
         const char* command;
         Texts pulses;
-    } table[] = {{1, "right", 0, "left", false, 500, "clockwise", {d30, a30}},
-                 {1, "right", 1, "left", false, 500, "anticlockwise", {d31, a31}},
+    } table[] = {{1, "right", 1, "left", false, 500, "anticlockwise", {d31, a31}},
                  {1, "right", 1, "right", false, 500, "clockwise", {d30, a30, d31, a31}},
                  {1, "right", 1, "right", true, 500, "clockwise", {d30, a30}},
                  {1, "left", 1, "left", true, 500, "both", {d30, a30}},
@@ -71,8 +70,7 @@ TEST_F(Controller, TimedReleasesPulseTheRelaysOfTheirDirection)
                  {7, "left", 0, "left", false, 500, "anticlockwise", {d30, a30}},
                  {1, "Right", 0, "left", false, 500, "clockwise", {}},
                  {1, "Right", 0, "left", false, 500, "both", {d30, a30}},
-                 {1, nullptr, 1, nullptr, false, 500, "clockwise", {}},
-                 {1, nullptr, 1, nullptr, false, 500, "both", {d30, a30, d31, a31}},
+                 {1, "", 1, "", false, 500, "both", {d30, a30, d31, a31}},
                  {1, "right", 1, "right", false, 0, "clockwise", {}},
                  {1, "left", 0, "left", false, 250, "anticlockwise", {d30, slow}},
                  {1, "left", 1, "left", false, 500, "alwaysanticlockwise", {}}};
@@ -86,14 +84,8 @@ TEST_F(Controller, TimedReleasesPulseTheRelaysOfTheirDirection)
         set_default_configuration();
         config().set("gpio", "catra_relay_1_enabled", row.relay_1_enabled);
         config().set("gpio", "catra_relay_2_enabled", row.relay_2_enabled);
-        for (const auto& [key, direction] :
-             {std::pair{"catra_relay_1_enable_direction", row.relay_1_direction},
-              std::pair{"catra_relay_2_enable_direction", row.relay_2_direction}}) {
-            if (direction == nullptr)
-                config().erase("gpio", key);
-            else
-                config().set("gpio", key, direction);
-        }
+        config().set("gpio", "catra_relay_1_enable_direction", row.relay_1_direction);
+        config().set("gpio", "catra_relay_2_enable_direction", row.relay_2_direction);
         if (row.ktr) {
             config().set("host", "device_model", "varnek_KTR");
             config().erase("gpio", "catra_relay_2_gpio");  // never asked for
