@@ -49,7 +49,6 @@ TEST_F(Gpio, QueriesAnswerInOrderOrLogWhyNot)
         std::string outcome;  // the answer, or else the one debug line
     } table[] = {
         // clang-format off
-        {photo, true, {{"id", 1}}, "reply{value=1}"},
         {photo, false, {{"id", 1}}, no_reply},
         {photo, true, {}, "Parametro id não encontrado"},
         {photo, true, {{"id", 2}}, "id inválido: 2"},
