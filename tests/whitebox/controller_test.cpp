@@ -2,6 +2,7 @@
 // pulses of the timed releases, names outside the table, a failed write, and
 // an event thread without a device to watch.
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/select.h>
 #include <unistd.h>
 
@@ -127,12 +128,11 @@ TEST_F(Controller, AFailedCommandWriteIsReportedAfterItsDebugLineAndNotRaised)
     EXPECT_TRUE(expect_commands({"i"}));
 }
 
-// The event thread names itself and needs a descriptor that select can
-// watch; without one it says so once and ends, and a failure to name the
-// thread is logged and not raised.
+// The event thread names itself (here the test's thread) and needs a
+// descriptor that select can watch; without one it says so once and ends,
+// and a failure to name the thread is logged and not raised.
 TEST_F(Controller, AnEventThreadWithoutAWatchableDeviceSaysSoAndEnds)
 {
-    config().set("host", "failing", "set_thread_name");
     const int line = catra_fd;
     for (const int fd : {-1, FD_SETSIZE}) {
         catra_fd = fd;
@@ -141,9 +141,14 @@ TEST_F(Controller, AnEventThreadWithoutAWatchableDeviceSaysSoAndEnds)
         const std::string unwatchable = "catra_run: controller descriptor " + std::to_string(fd) +
                                         " cannot be watched; turnstile events will not be read";
         EXPECT_EQ(logs().texts(standin::LogLine::Kind::error),
-                  (Texts{"catra_run: set_thread_name failure", unwatchable}));
+                  (fd < 0 ? Texts{unwatchable}
+                          : Texts{"catra_run: set_thread_name failure", unwatchable}));
+        config().set("host", "failing", "set_thread_name");
     }
     catra_fd = line;
+    char name[16] = "";
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    EXPECT_STREQ(name, "catra_run");
 }
 
 }  // namespace
