@@ -25,9 +25,11 @@ protected:
     void SetUp() override
     {
         ControllerLineTest::SetUp();
-        // Portal actions as anti-passback with a clockwise entrance sets them.
+        // Portal actions as anti-passback with a clockwise entrance sets them,
+        // and an operation mode for an exception mode to reread.
         config().set("host", "antipassback_enabled", 1);
         config().set("catra", "gateway", "clockwise");
+        config().set("catra", "operation_mode", "exit_open");
     }
 
     // Hands a "config_param_set" message to its handler; a null text leaves
@@ -60,6 +62,9 @@ protected:
     }
 };
 
+// Module "catra" or "identifier" reaches the turnstile's settings, any other
+// only the exception mode: 1 and 2 write their command, any other rereads the
+// stored operation mode.
 TEST_F(ConfigChange, RoutingByModuleAndParameter)
 {
     const standin::Rows actions_set = {{1, 3}, {2, 2}};
@@ -80,6 +85,9 @@ TEST_F(ConfigChange, RoutingByModuleAndParameter)
         {"online", "exception_mode", "1", {"ab\0"s}, false},
         {"", "exception_mode", "2", {"i\0"s}, false},
         {nullptr, "exception_mode", "2", {"i\0"s}, false},
+        {"online", "exception_mode", "0", {"al\0"s}, false},
+        {"online", "exception_mode", "3", {"al\0"s}, false},
+        {"online", "exception_mode", "", {"al\0"s}, false},
         {"online", "operation_mode", "both_open", {}, false},
         {"catra", "operation_mode", nullptr, {}, false},
         {"catra", nullptr, "both_open", {}, false},
@@ -94,28 +102,14 @@ TEST_F(ConfigChange, RoutingByModuleAndParameter)
         EXPECT_EQ(host_key("antipassback_enabled"), "1");
         EXPECT_EQ(host_key("antipassback_mode"), std::nullopt);
     }
+    // Without an operation mode, the one reread is blocked.
+    config().erase("catra", "operation_mode");
+    EXPECT_EQ(change("online", "exception_mode", "0"), Texts{"i\0"s});
     // Any other side than "clockwise" gives the portals each other's actions.
     database().exec("DELETE FROM portal_actions");
     config().set("catra", "gateway", "Clockwise");
     EXPECT_TRUE(change("catra", "gateway", "Clockwise").empty());
     EXPECT_EQ(portal_actions(), (standin::Rows{{1, 2}, {2, 3}}));
-}
-
-TEST_F(ConfigChange, ExceptionModeOverridesOrRereadsTheOperationMode)
-{
-    config().set("catra", "operation_mode", "exit_open");
-    const struct {
-        const char* value;
-        const char* written;
-    } table[] = {
-        {"1", "ab"}, {"2", "i"}, {"0", "al"}, {"3", "al"}, {"", "al"},
-    };
-    for (const auto& row : table) {
-        SCOPED_TRACE("\""s + row.value + "\"");
-        EXPECT_EQ(change("online", "exception_mode", row.value), Texts{row.written + "\0"s});
-    }
-    config().erase("catra", "operation_mode");
-    EXPECT_EQ(change("online", "exception_mode", "0"), Texts{"i\0"s});
 }
 
 TEST_F(ConfigChange, AntiPassbackSettingsAreReadBackFromTheStore)
