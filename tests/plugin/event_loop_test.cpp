@@ -16,9 +16,22 @@ namespace {
 
 using Call = SyscallFaults::Call;
 
+enum class Loss { hang_up, read_fails, wait_fails };
+
+struct ControllerLoss {
+    const char* name;
+    Loss loss;
+    const char* report;  // the event thread's last line on standard error
+};
+
+void PrintTo(const ControllerLoss& row, std::ostream* out)
+{
+    *out << row.name;
+}
+
 // The plug-in set up and running: the controller has received the set-up and
 // the default mode "i" that the run function writes at start.
-class EventLoop : public TerminalTest {
+class ControllerLost : public TerminalTest, public ::testing::WithParamInterface<ControllerLoss> {
 protected:
     void SetUp() override
     {
@@ -38,21 +51,6 @@ protected:
 
     std::size_t writes_seen_ = 0;  // controller writes of the set-up and start
 };
-
-enum class Loss { hang_up, read_fails, wait_fails };
-
-struct ControllerLoss {
-    const char* name;
-    Loss loss;
-    const char* report;  // the event thread's last line on standard error
-};
-
-void PrintTo(const ControllerLoss& row, std::ostream* out)
-{
-    *out << row.name;
-}
-
-class ControllerLost : public EventLoop, public ::testing::WithParamInterface<ControllerLoss> {};
 
 TEST_P(ControllerLost, EndsTheThreadAndLaterCommandsNeverReachTheNumber)
 {

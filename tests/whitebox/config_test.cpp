@@ -238,7 +238,6 @@ TEST_F(ConfigChange, EachReadOfAMissingKeyRaisesOnlyWhereTheKeyIsRequired)
         {"catra", "fi2_gpio", set_up, true},
         {"catra", "sol1_gpio", set_up, true},
         {"catra", "sol2_gpio", set_up, true},
-        {"", "collector_gpio", set_up, true},
         {"gpio", "catra_relay_1_enable_direction", clockwise, false},
         {"gpio", "catra_relay_2_enable_direction", clockwise, false},
         {"gpio", "catra_relay_1_enabled", clockwise, false},

@@ -29,7 +29,6 @@ protected:
 
 TEST_F(Gpio, QueriesAnswerInOrderOrLogWhyNot)
 {
-    photo_sensor_values = {false, true};
     solenoid_values = {false, false, true};
     catra_enabled = true;
     current_state = CatraState::RIGHT_LIBERATED;

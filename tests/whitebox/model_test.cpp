@@ -340,11 +340,6 @@ protected:
             "DELETE FROM action_portals;"
             "INSERT INTO action_portals(action_id, portal_id) VALUES (2, 2), (3, 1), (4, 3);");
     }
-    void TearDown() override
-    {
-        standin::Logs::instance().set_echo(true);
-        ControllerLineTest::TearDown();
-    }
 
     void run(const Op& op, const std::string& uuid)
     {
