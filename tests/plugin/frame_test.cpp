@@ -81,7 +81,7 @@ TEST_F(Frame, RunHandsTheWatchdogPeriodToTheQueueAndFeedsCatra)
     // The event thread fed "catra" on its one pass; the queue feeds it after
     // each message it serves.
     EXPECT_EQ(catra_feeds, 1);
-    EXPECT_EQ(request("catra_state").text(), "reply{state=0,default_state=0}");
+    EXPECT_EQ(request("catra_state"), "reply{state=0,default_state=0}");
     EXPECT_TRUE(eventually([&] { return catra_feeds == 2; }));
 
     // Should the queue ever stop being served, run returns 1 to the host.

@@ -26,7 +26,7 @@ const char* const kOnePerProcess =
 // with standin::end_process while those threads still run.
 struct LoadedPlugin {
     std::unique_ptr<standin::PluginHost> host;
-    std::vector<std::unique_ptr<TestPty>> lines;
+    std::vector<std::unique_ptr<simulator::ControllerPty>> lines;
 };
 
 LoadedPlugin& loaded()
@@ -67,7 +67,7 @@ std::string refusal(const std::string& statement, const std::string& table)
            " BEGIN SELECT RAISE(ABORT, 'disk I/O error'); END";
 }
 
-// ------------------------------------------------------------------ Field, Reply
+// ------------------------------------------------------------------ Field
 
 Field::Field(std::string key, int value)
 {
@@ -82,11 +82,6 @@ Field::Field(std::string key, std::string value)
     field.text = std::move(value);
 }
 
-std::string Reply::text() const
-{
-    return render(replied ? "reply" : "unreplied", fields);
-}
-
 // ------------------------------------------------------------------ fixture
 
 std::vector<std::string> TerminalTest::setup_commands()
@@ -98,7 +93,7 @@ void TerminalTest::SetUp()
 {
     standin::install_services();
     logs_ = std::make_unique<LogRecorder>();
-    pty_ = std::make_unique<TestPty>();
+    pty_ = std::make_unique<simulator::ControllerPty>();
     SyscallFaults::reset(pty_->slave_path());
     clock().set_manual(timespec{1000, 0});
     set_default_configuration();
@@ -165,13 +160,13 @@ void TerminalTest::send(const std::string& type, const Fields& fields)
 
 // A receiver that never answers leaves the test waiting: CTest's time-out
 // then fails it.
-Reply TerminalTest::request(const std::string& type, const Fields& fields)
+std::string TerminalTest::request(const std::string& type, const Fields& fields)
 {
     ac::MessageReply reply;
     ac::Message* message = new_message(type, fields);
     message->set_reply(&reply);
     ac::PostOffice::send_message_sync(message);
-    return Reply{reply.replied(), reply.fields()};
+    return render(reply.replied() ? "reply" : "unreplied", reply.fields());
 }
 
 bool TerminalTest::expect_commands(const std::vector<std::string>& commands)
@@ -201,14 +196,6 @@ std::vector<std::string> TerminalTest::debug_lines(const std::string& function) 
             texts.push_back(line.text);
     }
     return texts;
-}
-
-std::string TestPty::drain()
-{
-    std::string all;
-    while (const std::optional<std::string> text = read_command(std::chrono::milliseconds(0)))
-        all += *text + '\0';
-    return all;
 }
 
 }  // namespace catra_test

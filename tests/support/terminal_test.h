@@ -77,22 +77,6 @@ using Fields = std::vector<Field>;
 // A new message of that type with these fields, in order.
 ac::Message* new_message(const std::string& type, const Fields& fields);
 
-// The answer to request().
-struct Reply {
-    bool replied = false;
-    std::vector<ac::MessageField> fields;
-    std::string text() const;  // reply{key=1,...}
-};
-
-// The controller line with what only the tests read of it: whatever came in
-// so far.
-class TestPty : public simulator::ControllerPty {
-public:
-    // Every whole text received so far and not yet read, each with its NUL,
-    // without waiting.
-    std::string drain();
-};
-
 // Configuration values of the defaults (kFi1Gpio, kDeviceId, ...), for
 // expectations.
 using namespace simulator::defaults;
@@ -136,8 +120,9 @@ protected:
     // Sends a message on the bus as another module of the terminal would:
     // asynchronously, fields in the order given.
     void send(const std::string& type, const Fields& fields = {});
-    // Sends a synchronous request with a reply object and returns the answer.
-    Reply request(const std::string& type, const Fields& fields = {});
+    // Sends a synchronous request with a reply object and returns the answer
+    // as "reply{key=1,...}", or "unreplied{}" when none came.
+    std::string request(const std::string& type, const Fields& fields = {});
 
     // Reads the next texts written to the controller and checks them, in
     // order, against `commands` (each without its NUL). Adds a failure that
@@ -147,7 +132,7 @@ protected:
     // The debug lines as "function: text", or of one function its texts alone.
     std::vector<std::string> debug_lines(const std::string& function = "") const;
 
-    TestPty& pty() { return *pty_; }
+    simulator::ControllerPty& pty() { return *pty_; }
     BusRecorder& recorder() { return *recorder_; }
     // Its wait_idle() waits until the bus and the queues are idle.
     standin::Bus& bus() { return standin::Bus::instance(); }
@@ -157,7 +142,7 @@ protected:
     standin::Database& database() { return standin::Database::instance(); }
 
 private:
-    std::unique_ptr<TestPty> pty_;
+    std::unique_ptr<simulator::ControllerPty> pty_;
     std::unique_ptr<BusRecorder> recorder_;
     std::unique_ptr<LogRecorder> logs_;
 };
