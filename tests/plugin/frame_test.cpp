@@ -1,7 +1,7 @@
 // The plug-in frame as the terminal sees it: registration with the host, the
 // start-up commands of the run function, and the queue's watchdog period and
-// keep-alive. (That each type reaches its handler
-// on the queue, the examples' scenarios show.)
+// keep-alive. (That each type reaches its handler on the queue, the examples'
+// scenarios show.)
 #include <atomic>
 #include <cerrno>
 #include <string>
@@ -92,45 +92,36 @@ TEST_F(Frame, RunHandsTheWatchdogPeriodToTheQueueAndFeedsCatra)
 
 // ---------------------------------------------------------------- start-up commands
 
-struct StartUp {
-    const char* name;
-    const char* exception_mode;
-    const char* operation_mode;  // null: not configured
-    std::vector<std::string> commands;
+// After the set-up the run function writes the default mode's command, then
+// the exception mode's. Whatever start-up writes comes before the first
+// command of a queued request, so a "both" release marks its end.
+class FrameStartUp : public TerminalTest {
+protected:
+    void expect_start_up(const Texts& commands)
+    {
+        ASSERT_TRUE(load_plugin());
+        send("liberate_catra", {{"catra_direction", "both"}, {"catra_reason", 1}});
+        ASSERT_TRUE(start_plugin());
+        Texts expected = setup_commands();
+        expected.insert(expected.end(), commands.begin(), commands.end());
+        expected.push_back("b5");
+        EXPECT_TRUE(expect_commands(expected));
+        EXPECT_EQ(SyscallFaults::device_writes().size(), expected.size());
+    }
 };
 
-void PrintTo(const StartUp& row, std::ostream* out)
+TEST_F(FrameStartUp, ExceptionMode1FreesBothWaysAfterTheBlockedDefault)
 {
-    *out << row.name;
+    config().set("host", "exception_mode", "1");
+    expect_start_up({"i", "ab"});
 }
 
-class FrameStartUp : public TerminalTest, public ::testing::WithParamInterface<StartUp> {};
-
-// Whatever start-up writes comes before the first command of a queued
-// request, so the "both" release marks the end of the start-up commands.
-TEST_P(FrameStartUp, DefaultModeThenExceptionMode)
+TEST_F(FrameStartUp, ExceptionMode2BlocksAfterTheBothOpenDefault)
 {
-    const StartUp& row = GetParam();
-    config().set("host", "exception_mode", row.exception_mode);
-    if (row.operation_mode != nullptr)
-        config().set("catra", "operation_mode", row.operation_mode);
-    ASSERT_TRUE(load_plugin());
-    send("liberate_catra", {{"catra_direction", "both"}, {"catra_reason", 1}});
-    ASSERT_TRUE(start_plugin());
-
-    std::vector<std::string> expected = setup_commands();
-    expected.insert(expected.end(), row.commands.begin(), row.commands.end());
-    expected.push_back("b5");
-    EXPECT_TRUE(expect_commands(expected));
-    EXPECT_EQ(SyscallFaults::device_writes().size(), expected.size());
+    config().set("host", "exception_mode", "2");
+    config().set("catra", "operation_mode", "both_open");
+    expect_start_up({"ab", "i"});
 }
-
-INSTANTIATE_TEST_SUITE_P(Modes, FrameStartUp,
-                         ::testing::Values(StartUp{"Mode1", "1", nullptr, {"i", "ab"}},
-                                           StartUp{"Mode2", "2", "both_open", {"ab", "i"}}),
-                         [](const ::testing::TestParamInfo<StartUp>& info) {
-                             return std::string(info.param.name);
-                         });
 
 }  // namespace
 }  // namespace catra_test
