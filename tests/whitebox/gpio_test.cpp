@@ -17,15 +17,8 @@ namespace {
 
 using namespace std::string_literals;
 
-// The turnstile disabled: the GPIO service's reports reach the plug-in.
-class Gpio : public ControllerLineTest {
-protected:
-    void SetUp() override
-    {
-        ControllerLineTest::SetUp();
-        catra_enabled = false;
-    }
-};
+// Each test sets whether the turnstile is enabled.
+using Gpio = ControllerLineTest;
 
 TEST_F(Gpio, QueriesAnswerInOrderOrLogWhyNot)
 {
