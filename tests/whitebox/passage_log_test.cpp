@@ -43,17 +43,16 @@ TEST_F(PassageLog, OnlineTheOperationModeDecidesAndAnUnansweredQuestionRaises)
         int online;
         const char* client;  // null: the host's default, an answer
         int mode;            // -1: unset, which the host answers as 0
-        bool asked;
         bool updated;
         const char* raised;
     } table[] = {
-        {0, "answer", 0, false, true, ""},
-        {1, "answer", 1, true, true, ""},
-        {1, "answer", 0, true, false, ""},
-        {1, nullptr, 1, true, true, ""},
-        {1, "answer", -1, true, false, ""},
-        {1, "silent", 1, true, false, "Message online_client_get_operation_mode not replied"},
-        {1, "no_mode", 1, true, false, "Wrong parameters in reply"},
+        {0, "answer", 0, true, ""},
+        {1, "answer", 1, true, ""},
+        {1, "answer", 0, false, ""},
+        {1, nullptr, 1, true, ""},
+        {1, "answer", -1, false, ""},
+        {1, "silent", 1, false, "Message online_client_get_operation_mode not replied"},
+        {1, "no_mode", 1, false, "Wrong parameters in reply"},
     };
     const struct {
         const char* name;
@@ -75,8 +74,9 @@ TEST_F(PassageLog, OnlineTheOperationModeDecidesAndAnUnansweredQuestionRaises)
 
             EXPECT_EQ(thrown_text(update.call), row.raised);
             EXPECT_EQ(records() != seeded_, row.updated);
+            // Online, the online client is asked.
             EXPECT_EQ(recorder().trace(),
-                      row.asked ? Texts{"online_client_get_operation_mode{} (sync)"} : Texts{});
+                      row.online ? Texts{"online_client_get_operation_mode{} (sync)"} : Texts{});
         }
     }
 }
