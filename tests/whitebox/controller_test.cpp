@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <climits>
 #include <functional>
-#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -54,6 +53,7 @@ TEST_F(Controller, TimedReleasesPulseTheRelaysOfTheirDirection)
     const std::string d30 = "gpio_deactivate{gpio=30}", a30 = "gpio_activate{timeout=500,gpio=30}";
     const std::string d31 = "gpio_deactivate{gpio=31}", a31 = "gpio_activate{timeout=500,gpio=31}";
     const std::string slow = "gpio_activate{timeout=250,gpio=30}";
+    const std::string r5 = "write r5\\0", l5 = "write l5\\0", b5 = "write b5\\0";
     const struct {
         int relay_1_enabled;
         const char* relay_1_direction;  // "": as when not configured
@@ -62,26 +62,25 @@ TEST_F(Controller, TimedReleasesPulseTheRelaysOfTheirDirection)
         bool ktr;  // device model varnek_KTR: relay 2 does not exist
         int relay_timeout;
         const char* command;
-        Texts pulses;
-    } table[] = {{1, "right", 1, "left", false, 500, "anticlockwise", {d31, a31}},
-                 {1, "right", 1, "right", false, 500, "clockwise", {d30, a30, d31, a31}},
-                 {1, "right", 1, "right", true, 500, "clockwise", {d30, a30}},
-                 {1, "left", 1, "left", true, 500, "both", {d30, a30}},
-                 {0, "left", 1, "left", true, 500, "anticlockwise", {}},
-                 {7, "left", 0, "left", false, 500, "anticlockwise", {d30, a30}},
-                 {1, "Right", 0, "left", false, 500, "clockwise", {}},
-                 {1, "Right", 0, "left", false, 500, "both", {d30, a30}},
-                 {1, "", 1, "", false, 500, "both", {d30, a30, d31, a31}},
-                 {1, "right", 1, "right", false, 0, "clockwise", {}},
-                 {1, "left", 0, "left", false, 250, "anticlockwise", {d30, slow}},
-                 {1, "left", 1, "left", false, 500, "alwaysanticlockwise", {}}};
-    const std::map<std::string, std::string> texts = {{"clockwise", "r5"},
-                                                      {"anticlockwise", "l5"},
-                                                      {"both", "b5"},
-                                                      {"alwaysanticlockwise", "al"}};
-    int index = 0;
+        Texts trace;  // the pulses, then the command's write
+    } table[] = {
+        // clang-format off
+        {1, "right", 1, "left", false, 500, "anticlockwise", {d31, a31, l5}},
+        {1, "right", 1, "right", false, 500, "clockwise", {d30, a30, d31, a31, r5}},
+        {1, "right", 1, "right", true, 500, "clockwise", {d30, a30, r5}},
+        {1, "left", 1, "left", true, 500, "both", {d30, a30, b5}},
+        {0, "left", 1, "left", true, 500, "anticlockwise", {l5}},
+        {7, "left", 0, "left", false, 500, "anticlockwise", {d30, a30, l5}},
+        {1, "Right", 0, "left", false, 500, "clockwise", {r5}},
+        {1, "Right", 0, "left", false, 500, "both", {d30, a30, b5}},
+        {1, "", 1, "", false, 500, "both", {d30, a30, d31, a31, b5}},
+        {1, "right", 1, "right", false, 0, "clockwise", {r5}},
+        {1, "left", 0, "left", false, 250, "anticlockwise", {d30, slow, l5}},
+        {1, "left", 1, "left", false, 500, "alwaysanticlockwise", {"write al\\0"}},
+        // clang-format on
+    };
     for (const auto& row : table) {
-        SCOPED_TRACE("row " + std::to_string(index++) + ": " + row.command);
+        SCOPED_TRACE("row " + std::to_string(&row - table + 1));
         set_default_configuration();
         config().set("gpio", "catra_relay_1_enabled", row.relay_1_enabled);
         config().set("gpio", "catra_relay_2_enabled", row.relay_2_enabled);
@@ -92,12 +91,9 @@ TEST_F(Controller, TimedReleasesPulseTheRelaysOfTheirDirection)
             config().erase("gpio", "catra_relay_2_gpio");  // never asked for
         }
         config().set("catra", "relay_timeout", row.relay_timeout);
-
         recorder().clear();
         do_execute_command(row.command);
-        Texts expected = row.pulses;
-        expected.push_back("write " + texts.at(row.command) + "\\0");
-        EXPECT_EQ(recorder().trace(), expected);
+        EXPECT_EQ(recorder().trace(), row.trace);
     }
 }
 
