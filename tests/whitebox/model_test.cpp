@@ -364,17 +364,6 @@ protected:
         }
     }
 
-    // Until neither side has more to do: the controller answers every command
-    // written so far, the plug-in reads every letter reported.
-    void settle(const simulator::Turnstile& controller)
-    {
-        for (;;) {
-            RC_ASSERT(eventually([&] { return controller.commands_answered(); }));
-            if (!pty().unread_by_other_side())
-                return;
-            RC_ASSERT(read_catra_event());
-        }
-    }
     // The first column of each row of a query.
     Texts column(const std::string& sql)
     {
@@ -454,7 +443,14 @@ RC_GTEST_FIXTURE_PROP(Turnstile, KeepsToTheSidesTheControllerFrees, ())
             through[op.number] += controller.push(simulator::kSides[op.number]) ? 1 : 0;
         else
             run(op, "u");
-        settle(controller);
+        // Until neither side has more to do: the controller answers every
+        // command written so far, the plug-in reads every letter reported.
+        for (;;) {
+            RC_ASSERT(eventually([&] { return controller.commands_answered(); }));
+            if (!pty().unread_by_other_side())
+                break;
+            RC_ASSERT(read_catra_event());
+        }
         const simulator::FreeSides free = controller.free_sides();
         const int sides[2][2] = {{CatraState::BLOCKED, CatraState::RIGHT_LIBERATED},
                                  {CatraState::LEFT_LIBERATED, CatraState::BOTH_LIBERATED}};
