@@ -1,6 +1,6 @@
-// The controller commands: the release time in the release texts, the relay
-// pulses of the timed releases, names outside the table, a failed write, and
-// an event thread without a device to watch.
+// The controller commands: the release time and the relay pulses of the timed
+// releases, names outside the table, a failed write, and an event thread
+// without a device to watch.
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/select.h>
@@ -31,24 +31,9 @@ protected:
 };
 
 // Each command is one write of its text and NUL (the turnstile's model shows
-// them all); the release time goes in as "%d", sign and all.
-TEST_F(Controller, ReleaseTextsCarryTheReleaseTimeInDecimal)
-{
-    const struct {
-        const char* name;
-        int release_time;
-        std::string bytes;
-    } table[] = {{"clockwise", 0, "r0\0"s},
-                 {"anticlockwise", -1, "l-1\0"s},
-                 {"both", INT_MIN, "b-2147483648\0"s}};
-    for (const auto& row : table) {
-        config().set("", "catra_timeout", row.release_time);
-        do_execute_command(row.name);
-        EXPECT_EQ(SyscallFaults::device_writes().back(), row.bytes) << row.name;
-    }
-}
-
-TEST_F(Controller, TimedReleasesPulseTheRelaysOfTheirDirection)
+// them all); a timed release's time goes in as "%d", sign and all, after the
+// pulses of the relays that serve its direction.
+TEST_F(Controller, TimedReleasesCarryTheirTimeAndPulseTheRelaysOfTheirDirection)
 {
     const std::string d30 = "gpio_deactivate{gpio=30}", a30 = "gpio_activate{timeout=500,gpio=30}";
     const std::string d31 = "gpio_deactivate{gpio=31}", a31 = "gpio_activate{timeout=500,gpio=31}";
@@ -63,6 +48,7 @@ TEST_F(Controller, TimedReleasesPulseTheRelaysOfTheirDirection)
         int relay_timeout;
         const char* command;
         Texts trace;  // the pulses, then the command's write
+        int release_time = 5;
     } table[] = {
         // clang-format off
         {1, "right", 1, "left", false, 500, "anticlockwise", {d31, a31, l5}},
@@ -77,6 +63,9 @@ TEST_F(Controller, TimedReleasesPulseTheRelaysOfTheirDirection)
         {1, "right", 1, "right", false, 0, "clockwise", {r5}},
         {1, "left", 0, "left", false, 250, "anticlockwise", {d30, slow, l5}},
         {1, "left", 1, "left", false, 500, "alwaysanticlockwise", {"write al\\0"}},
+        {0, "", 0, "", false, 500, "clockwise", {"write r0\\0"}, 0},
+        {0, "", 0, "", false, 500, "anticlockwise", {"write l-1\\0"}, -1},
+        {0, "", 0, "", false, 500, "both", {"write b-2147483648\\0"}, INT_MIN},
         // clang-format on
     };
     for (const auto& row : table) {
@@ -91,6 +80,7 @@ TEST_F(Controller, TimedReleasesPulseTheRelaysOfTheirDirection)
             config().erase("gpio", "catra_relay_2_gpio");  // never asked for
         }
         config().set("catra", "relay_timeout", row.relay_timeout);
+        config().set("", "catra_timeout", row.release_time);
         recorder().clear();
         do_execute_command(row.command);
         EXPECT_EQ(recorder().trace(), row.trace);
