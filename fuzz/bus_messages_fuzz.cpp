@@ -4,7 +4,7 @@
 // Controller letters may come in between, so that the handlers meet every
 // state of the turnstile.
 //
-// The configuration has no exit-request buttons (see kButtonholes): a press
+// The configuration has no exit-request buttons (see fuzz_support.cpp): a press
 // would start an exit-request worker, which waits 100 ms on a thread of its
 // own and then releases the turnstile, outside the input that pressed.
 //
@@ -58,18 +58,6 @@ void deliver(const ListenedType& row, ac::Message* sent)
     }
 }
 
-void controller_letter(std::uint8_t letter)
-{
-    standin::Clock::instance().advance_ms(1000);
-    const char event[2] = {static_cast<char>(letter), '\0'};
-    catra_fuzz::feed_controller(event, sizeof event);
-    try {
-        read_catra_event();
-    } catch (const std::exception& e) {
-        ac::error::log(e.what());
-    }
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
@@ -81,8 +69,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     while (in.remaining_bytes() > 0) {
         const int type = in.ConsumeIntegralInRange(0, listened_count + 1);
         if (type == listened_count + 1) {
-            controller_letter(in.ConsumeIntegral<std::uint8_t>());
-            catra_fuzz::drain_controller();
+            standin::Clock::instance().advance_ms(1000);
+            const char letter[2] = {static_cast<char>(in.ConsumeIntegral<std::uint8_t>()), '\0'};
+            catra_fuzz::controller_event(letter, sizeof letter);
             continue;
         }
         ac::MessageReply reply;

@@ -26,19 +26,6 @@ long clock_step_ms(std::uint8_t code)
     return code < 0x80 ? code : (code - 0x80) * 10L;
 }
 
-// One pass of the event loop after the wait: whatever the handling throws is
-// dropped the way the loop writes it to the error log and goes on.
-void read_one_event()
-{
-    try {
-        read_catra_event();
-    } catch (const std::exception& e) {
-        ac::error::log(e.what());
-    } catch (...) {
-        ac::error::log("unknown exception while handling a controller event");
-    }
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
@@ -54,10 +41,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         if (chunk == 0)
             break;
         // Never a read without bytes fed before it: it would wait for ever.
-        catra_fuzz::feed_controller(reinterpret_cast<const char*>(data + at), chunk);
+        catra_fuzz::controller_event(reinterpret_cast<const char*>(data + at), chunk);
         at += chunk;
-        read_one_event();
-        catra_fuzz::drain_controller();
     }
 
     catra_fuzz::check_invariants("controller_bytes_fuzz");

@@ -21,11 +21,6 @@
 
 namespace catra_fuzz {
 
-// The exit-request buttons' GPIOs of the configuration. Empty: a button
-// press would start an exit-request worker, which waits on a thread of its
-// own and releases the turnstile later, outside the input that caused it.
-constexpr const char* kButtonholes = "";
-
 // Sets up the host and the plug-in (init_catra on a pseudo-terminal, then the
 // socket pair in the device's place). Idempotent; aborts on failure.
 void set_up_once();
@@ -34,8 +29,11 @@ void set_up_once();
 // the state every input starts from.
 void reset_for_input();
 
-// Writes bytes into the controller line (the plug-in's next read gets them).
-void feed_controller(const char* bytes, std::size_t size);
+// Writes bytes into the controller line and has the plug-in read one event
+// from them, as the event loop does once the device is readable: whatever the
+// handling throws goes to the error log, as the loop writes it. What the
+// plug-in wrote back is dropped.
+void controller_event(const char* bytes, std::size_t size);
 
 // Reads and drops whatever the plug-in wrote to the controller.
 void drain_controller();

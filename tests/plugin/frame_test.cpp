@@ -1,11 +1,9 @@
 // The plug-in frame as the terminal sees it: registration with the host, the
-// start-up commands of the run function, the event thread's name, and the
-// queue's watchdog period and keep-alive. (That each type reaches its handler
-// on the queue, the examples' scenarios show.)
+// start-up commands of the run function, and the queue's watchdog period and
+// keep-alive. (That each type reaches its handler on the queue, the examples'
+// scenarios show.)
 #include <atomic>
 #include <cerrno>
-#include <filesystem>
-#include <fstream>
 #include <string>
 #include <vector>
 
@@ -78,12 +76,12 @@ TEST_F(Frame, RunHandsTheWatchdogPeriodToTheQueueAndFeedsCatra)
     ASSERT_TRUE(run_plugin());
     ASSERT_TRUE(SyscallFaults::wait_device_closed(kWait));
     const Texts served = {"queue served; keep-alive after each message and every 600000 ms idle"};
-    ASSERT_TRUE(eventually([&] { return log_texts(standin::LogLine::Kind::host) == served; }));
+    ASSERT_TRUE(eventually([&] { return logs().texts(standin::LogLine::Kind::host) == served; }));
 
     // The event thread fed "catra" on its one pass; the queue feeds it after
     // each message it serves.
     EXPECT_EQ(catra_feeds, 1);
-    EXPECT_EQ(request("catra_state").text(), "reply{state=0,default_state=0}");
+    EXPECT_EQ(request("catra_state"), "reply{state=0,default_state=0}");
     EXPECT_TRUE(eventually([&] { return catra_feeds == 2; }));
 
     // Should the queue ever stop being served, run returns 1 to the host.
@@ -94,58 +92,36 @@ TEST_F(Frame, RunHandsTheWatchdogPeriodToTheQueueAndFeedsCatra)
 
 // ---------------------------------------------------------------- start-up commands
 
-struct StartUp {
-    const char* name;
-    const char* exception_mode;
-    const char* operation_mode;  // null: not configured
-    const char* gateway;         // null: not configured
-    std::vector<std::string> commands;
+// After the set-up the run function writes the default mode's command, then
+// the exception mode's. Whatever start-up writes comes before the first
+// command of a queued request, so a "both" release marks its end.
+class FrameStartUp : public TerminalTest {
+protected:
+    void expect_start_up(const Texts& commands)
+    {
+        ASSERT_TRUE(load_plugin());
+        send("liberate_catra", {{"catra_direction", "both"}, {"catra_reason", 1}});
+        ASSERT_TRUE(start_plugin());
+        Texts expected = setup_commands();
+        expected.insert(expected.end(), commands.begin(), commands.end());
+        expected.push_back("b5");
+        EXPECT_TRUE(expect_commands(expected));
+        EXPECT_EQ(SyscallFaults::device_writes().size(), expected.size());
+    }
 };
 
-void PrintTo(const StartUp& row, std::ostream* out)
+TEST_F(FrameStartUp, ExceptionMode1FreesBothWaysAfterTheBlockedDefault)
 {
-    *out << row.name;
+    config().set("host", "exception_mode", "1");
+    expect_start_up({"i", "ab"});
 }
 
-class FrameStartUp : public TerminalTest, public ::testing::WithParamInterface<StartUp> {};
-
-// Whatever start-up writes comes before the first command of a queued
-// request, so the "both" release marks the end of the start-up commands.
-TEST_P(FrameStartUp, DefaultModeThenExceptionMode)
+TEST_F(FrameStartUp, ExceptionMode2BlocksAfterTheBothOpenDefault)
 {
-    const StartUp& row = GetParam();
-    config().set("host", "exception_mode", row.exception_mode);
-    if (row.operation_mode != nullptr)
-        config().set("catra", "operation_mode", row.operation_mode);
-    if (row.gateway != nullptr)
-        config().set("catra", "gateway", row.gateway);
-    ASSERT_TRUE(load_plugin());
-    send("liberate_catra", {{"catra_direction", "both"}, {"catra_reason", 1}});
-    ASSERT_TRUE(start_plugin());
-
-    std::vector<std::string> expected = setup_commands();
-    expected.insert(expected.end(), row.commands.begin(), row.commands.end());
-    expected.push_back("b5");
-    EXPECT_TRUE(expect_commands(expected));
-    EXPECT_EQ(SyscallFaults::device_writes().size(), expected.size());
-    // The event thread named itself: one thread of the process is "catra_run".
-    EXPECT_TRUE(eventually([] {
-        int named = 0;
-        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-            std::ifstream comm(task.path() / "comm");
-            std::string name;
-            named += std::getline(comm, name) && name == "catra_run";
-        }
-        return named == 1;
-    }));
+    config().set("host", "exception_mode", "2");
+    config().set("catra", "operation_mode", "both_open");
+    expect_start_up({"ab", "i"});
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Modes, FrameStartUp,
-    ::testing::Values(StartUp{"Mode1", "1", nullptr, nullptr, {"i", "ab"}},
-                      StartUp{"Mode2", "2", "both_open", nullptr, {"ab", "i"}},
-                      StartUp{"Mode0", "0", "entrance_open", "clockwise", {"ar"}}),
-    [](const ::testing::TestParamInfo<StartUp>& info) { return std::string(info.param.name); });
 
 }  // namespace
 }  // namespace catra_test

@@ -74,34 +74,18 @@ TEST(HostData, ACellIsOfTheKindSqliteHolds)
 
 std::atomic<int> handled{0};
 
-void throwing_handler(ac::Message*)
-{
-    throw std::runtime_error("no such thing");
-}
-
-void odd_handler(ac::Message*)
-{
-    throw 5;
-}
-
-void keep_alive() {}
-
-void counting_handler(ac::Message*)
-{
-    ++handled;
-}
-
 // A handler that throws, or a type with no handler, is logged; the queue goes
 // on with the next message.
 TEST(HostQueue, AThrowingHandlerIsLoggedAndTheQueueGoesOn)
 {
     LogRecorder logs;
     ac::MessageEnqueuer queue;
-    const ac::MessageListener table[] = {{"boom", throwing_handler, false},
-                                         {"odd", odd_handler, false},
-                                         {"next", counting_handler, false}};
+    const ac::MessageListener table[] = {
+        {"boom", [](ac::Message*) { throw std::runtime_error("no such thing"); }, false},
+        {"odd", [](ac::Message*) { throw 5; }, false},
+        {"next", [](ac::Message*) { ++handled; }, false}};
     queue.listen(table, 3);
-    std::thread runner([&queue] { queue.process(1, keep_alive); });
+    std::thread runner([&queue] { queue.process(1, [] {}); });
     for (const char* type : {"boom", "odd", "none", "next"})
         queue.enqueue(new ac::Message(type, 0, nullptr), nullptr);
     ASSERT_TRUE(standin::Bus::instance().wait_idle());

@@ -20,8 +20,6 @@ public:
     // The texts of the lines of one kind, in order.
     std::vector<std::string> texts(standin::LogLine::Kind kind) const;
     void clear();
-    // Whether the host also writes each line to standard error.
-    static void set_echo(bool echo) { standin::Logs::instance().set_echo(echo); }
 
 private:
     mutable std::mutex mutex_;

@@ -102,23 +102,17 @@ State& state()
 
 // ------------------------------------------------------------------ control API
 
-void SyscallFaults::reset()
+void SyscallFaults::reset(const std::string& path)
 {
     State& s = state();
     std::lock_guard<std::mutex> lock(s.mutex);
-    s.path.clear();
+    s.path = path;
     s.device = s.closed_number = -1;
     s.closed = false;
     s.writes_after_close = 0;
     s.writes.clear();
     for (Fault& fault : s.faults)
         fault = Fault{};
-}
-
-void SyscallFaults::watch_path(const std::string& path)
-{
-    std::lock_guard<std::mutex> lock(state().mutex);
-    state().path = path;
 }
 
 void SyscallFaults::fail_next(Call call, int error, int after)

@@ -18,12 +18,10 @@ class SyscallFaults {
 public:
     enum class Call { read, write, select };
 
-    // Forgets the watched path, the device, armed faults and the records.
-    static void reset();
-
-    // The next descriptor that open() returns for exactly this path becomes
+    // Forgets the device, armed faults and the records, and watches `path`:
+    // the next descriptor that open() returns for exactly this path becomes
     // the device (a later open of the same path replaces it).
-    static void watch_path(const std::string& path);
+    static void reset(const std::string& path);
 
     // The next call of that kind on the device fails with errno `error`
     // without reaching the system: read and write of the device descriptor;

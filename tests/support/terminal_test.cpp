@@ -26,7 +26,7 @@ const char* const kOnePerProcess =
 // with standin::end_process while those threads still run.
 struct LoadedPlugin {
     std::unique_ptr<standin::PluginHost> host;
-    std::vector<std::unique_ptr<TestPty>> lines;
+    std::vector<std::unique_ptr<simulator::ControllerPty>> lines;
 };
 
 LoadedPlugin& loaded()
@@ -67,7 +67,7 @@ std::string refusal(const std::string& statement, const std::string& table)
            " BEGIN SELECT RAISE(ABORT, 'disk I/O error'); END";
 }
 
-// ------------------------------------------------------------------ Field, Reply
+// ------------------------------------------------------------------ Field
 
 Field::Field(std::string key, int value)
 {
@@ -76,17 +76,10 @@ Field::Field(std::string key, int value)
     field.int_value = value;
 }
 
-Field::Field(std::string key, const char* value) : Field(std::move(key), std::string(value)) {}
-
 Field::Field(std::string key, std::string value)
 {
     field.key = std::move(key);
     field.text = std::move(value);
-}
-
-std::string Reply::text() const
-{
-    return render(replied ? "reply" : "unreplied", fields);
 }
 
 // ------------------------------------------------------------------ fixture
@@ -100,13 +93,12 @@ void TerminalTest::SetUp()
 {
     standin::install_services();
     logs_ = std::make_unique<LogRecorder>();
-    pty_ = std::make_unique<TestPty>();
-    SyscallFaults::reset();
-    SyscallFaults::watch_path(pty_->slave_path());
-    clock().set_manual(start_time());
+    pty_ = std::make_unique<simulator::ControllerPty>();
+    SyscallFaults::reset(pty_->slave_path());
+    clock().set_manual(timespec{1000, 0});
     set_default_configuration();
     database().open(":memory:");
-    database().seed(kDeviceId, static_cast<int>(start_time().tv_sec));
+    database().seed(kDeviceId, 1000);
     recorder_ = std::make_unique<BusRecorder>();
 }
 
@@ -168,34 +160,28 @@ void TerminalTest::send(const std::string& type, const Fields& fields)
 
 // A receiver that never answers leaves the test waiting: CTest's time-out
 // then fails it.
-Reply TerminalTest::request(const std::string& type, const Fields& fields)
+std::string TerminalTest::request(const std::string& type, const Fields& fields)
 {
     ac::MessageReply reply;
     ac::Message* message = new_message(type, fields);
     message->set_reply(&reply);
     ac::PostOffice::send_message_sync(message);
-    return Reply{reply.replied(), reply.fields()};
+    return render(reply.replied() ? "reply" : "unreplied", reply.fields());
 }
 
-bool TerminalTest::expect_commands(const std::vector<std::string>& commands,
-                                   std::chrono::milliseconds timeout)
+bool TerminalTest::expect_commands(const std::vector<std::string>& commands)
 {
     std::vector<std::string> received;
     while (received.size() < commands.size() &&
            received ==
                std::vector<std::string>(commands.begin(), commands.begin() + received.size())) {
-        const std::optional<std::string> command = pty_->read_command(timeout);
+        const std::optional<std::string> command = pty_->read_command(kWait);
         if (!command)
             break;
         received.push_back(*command);
     }
     EXPECT_EQ(received, commands) << "texts written to the controller";
     return received == commands;
-}
-
-bool TerminalTest::wait_idle(std::chrono::milliseconds timeout)
-{
-    return bus().wait_idle(timeout);
 }
 
 std::vector<std::string> TerminalTest::debug_lines(const std::string& function) const
@@ -210,14 +196,6 @@ std::vector<std::string> TerminalTest::debug_lines(const std::string& function) 
             texts.push_back(line.text);
     }
     return texts;
-}
-
-std::string TestPty::drain()
-{
-    std::string all;
-    while (const std::optional<std::string> text = read_command(std::chrono::milliseconds(0)))
-        all += *text + '\0';
-    return all;
 }
 
 }  // namespace catra_test

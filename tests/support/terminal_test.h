@@ -35,6 +35,10 @@
 
 namespace catra_test {
 
+// The error lines of a turn refused on the left and on the right side.
+const char* const kRefusals[2] = {"ERROR: Cannot turn left  while blocked!!",
+                                  "ERROR: Cannot turn right while blocked!!"};
+
 // Bound of every wait on an observed effect; only reached when a test fails.
 constexpr std::chrono::milliseconds kWait{5000};
 
@@ -65,7 +69,6 @@ std::string refusal(const std::string& statement, const std::string& table);
 // A message field for send() and request(): {"key", 5} or {"key", "text"}.
 struct Field {
     Field(std::string key, int value);
-    Field(std::string key, const char* value);
     Field(std::string key, std::string value);
     ac::MessageField field;
 };
@@ -74,34 +77,12 @@ using Fields = std::vector<Field>;
 // A new message of that type with these fields, in order.
 ac::Message* new_message(const std::string& type, const Fields& fields);
 
-// The answer to request().
-struct Reply {
-    bool replied = false;
-    std::vector<ac::MessageField> fields;
-    std::string text() const;  // reply{key=1,...}
-};
-
-// The controller line with what only the tests read of it: whatever came in
-// so far.
-class TestPty : public simulator::ControllerPty {
-public:
-    // Every whole text received so far and not yet read, each with its NUL,
-    // without waiting.
-    std::string drain();
-};
+// Configuration values of the defaults (kFi1Gpio, kDeviceId, ...), for
+// expectations.
+using namespace simulator::defaults;
 
 class TerminalTest : public ::testing::Test {
 public:
-    // Configuration values of the defaults, for expectations.
-    static constexpr long long kDeviceId = simulator::defaults::kDeviceId;
-    static constexpr int kFi1Gpio = simulator::defaults::kFi1Gpio;
-    static constexpr int kFi2Gpio = simulator::defaults::kFi2Gpio;
-    static constexpr int kSol1Gpio = simulator::defaults::kSol1Gpio;
-    static constexpr int kSol2Gpio = simulator::defaults::kSol2Gpio;
-    static constexpr int kCollectorGpio = simulator::defaults::kCollectorGpio;
-    // Where the manual clock stands at the start of each test.
-    static timespec start_time() { return timespec{1000, 0}; }
-
     // The controller texts of a successful set-up with the default
     // configuration, in order, each without its NUL.
     static std::vector<std::string> setup_commands();
@@ -139,28 +120,21 @@ protected:
     // Sends a message on the bus as another module of the terminal would:
     // asynchronously, fields in the order given.
     void send(const std::string& type, const Fields& fields = {});
-    // Sends a synchronous request with a reply object and returns the answer.
-    Reply request(const std::string& type, const Fields& fields = {});
+    // Sends a synchronous request with a reply object and returns the answer
+    // as "reply{key=1,...}", or "unreplied{}" when none came.
+    std::string request(const std::string& type, const Fields& fields = {});
 
     // Reads the next texts written to the controller and checks them, in
     // order, against `commands` (each without its NUL). Adds a failure that
     // shows what arrived instead, and returns false, on the first mismatch.
-    bool expect_commands(const std::vector<std::string>& commands,
-                         std::chrono::milliseconds timeout = kWait);
+    bool expect_commands(const std::vector<std::string>& commands);
 
-    // Waits until the bus and the queues are idle (the stand-in's barrier).
-    bool wait_idle(std::chrono::milliseconds timeout = kWait);
-
-    // The texts of the log lines of one kind, in order.
-    std::vector<std::string> log_texts(standin::LogLine::Kind kind) const
-    {
-        return logs_->texts(kind);
-    }
     // The debug lines as "function: text", or of one function its texts alone.
     std::vector<std::string> debug_lines(const std::string& function = "") const;
 
-    TestPty& pty() { return *pty_; }
+    simulator::ControllerPty& pty() { return *pty_; }
     BusRecorder& recorder() { return *recorder_; }
+    // Its wait_idle() waits until the bus and the queues are idle.
     standin::Bus& bus() { return standin::Bus::instance(); }
     standin::Config& config() { return standin::Config::instance(); }
     standin::Clock& clock() { return standin::Clock::instance(); }
@@ -168,7 +142,7 @@ protected:
     standin::Database& database() { return standin::Database::instance(); }
 
 private:
-    std::unique_ptr<TestPty> pty_;
+    std::unique_ptr<simulator::ControllerPty> pty_;
     std::unique_ptr<BusRecorder> recorder_;
     std::unique_ptr<LogRecorder> logs_;
 };

@@ -19,6 +19,21 @@ namespace catra_test {
 
 using Texts = std::vector<std::string>;
 
+// Enabling and disabling the turnstile with the default GPIOs: what goes out,
+// in order.
+const Texts kEnabling = {
+    "gpio_set_value{gpio=10,value=0}",       "gpio_set_value{gpio=11,value=0}",
+    "gpio_set_value{gpio=12,value=0}",       "gpio_update{gpio=20,enabled=0} (sync)",
+    "gpio_update{gpio=21,enabled=0} (sync)", "gpio_update{gpio=10,enabled=0} (sync)",
+    "gpio_update{gpio=11,enabled=0} (sync)", "write e\\0",
+    "catra_catra_enabled_changed{enabled=1}"};
+const Texts kDisabling = {"write d\\0",
+                          "gpio_update{gpio=20,enabled=1} (sync)",
+                          "gpio_update{gpio=21,enabled=1} (sync)",
+                          "gpio_update{gpio=10,enabled=1} (sync)",
+                          "gpio_update{gpio=11,enabled=1} (sync)",
+                          "catra_catra_enabled_changed{enabled=0}"};
+
 class ControllerLineTest : public TerminalTest {
 protected:
     void SetUp() override

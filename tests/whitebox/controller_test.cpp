@@ -1,9 +1,9 @@
-// The controller commands: the release time in the release texts, the relay
-// pulses of the timed releases, names outside the table, a failed write, and
-// an event thread without a device to watch.
+// The controller commands: the release time and the relay pulses of the timed
+// releases, names outside the table, a failed write, and an event thread
+// without a device to watch.
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/select.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <climits>
 #include <functional>
-#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -32,80 +31,59 @@ protected:
 };
 
 // Each command is one write of its text and NUL (the turnstile's model shows
-// them all); the release time goes in as "%d", sign and all.
-TEST_F(Controller, ReleaseTextsCarryTheReleaseTimeInDecimal)
-{
-    const struct {
-        const char* name;
-        int release_time;
-        std::string bytes;
-    } table[] = {{"clockwise", 0, "r0\0"s},
-                 {"anticlockwise", -1, "l-1\0"s},
-                 {"both", INT_MIN, "b-2147483648\0"s}};
-    for (const auto& row : table) {
-        config().set("", "catra_timeout", row.release_time);
-        do_execute_command(row.name);
-        EXPECT_EQ(SyscallFaults::device_writes().back(), row.bytes) << row.name;
-    }
-}
-
-TEST_F(Controller, TimedReleasesPulseTheRelaysOfTheirDirection)
+// them all); a timed release's time goes in as "%d", sign and all, after the
+// pulses of the relays that serve its direction.
+TEST_F(Controller, TimedReleasesCarryTheirTimeAndPulseTheRelaysOfTheirDirection)
 {
     const std::string d30 = "gpio_deactivate{gpio=30}", a30 = "gpio_activate{timeout=500,gpio=30}";
     const std::string d31 = "gpio_deactivate{gpio=31}", a31 = "gpio_activate{timeout=500,gpio=31}";
     const std::string slow = "gpio_activate{timeout=250,gpio=30}";
+    const std::string r5 = "write r5\\0", l5 = "write l5\\0", b5 = "write b5\\0";
     const struct {
         int relay_1_enabled;
-        const char* relay_1_direction;  // nullptr: not configured
+        const char* relay_1_direction;  // "": as when not configured
         int relay_2_enabled;
         const char* relay_2_direction;
         bool ktr;  // device model varnek_KTR: relay 2 does not exist
         int relay_timeout;
         const char* command;
-        Texts pulses;
-    } table[] = {{1, "right", 0, "left", false, 500, "clockwise", {d30, a30}},
-                 {1, "right", 1, "left", false, 500, "anticlockwise", {d31, a31}},
-                 {1, "right", 1, "right", false, 500, "clockwise", {d30, a30, d31, a31}},
-                 {1, "right", 1, "right", true, 500, "clockwise", {d30, a30}},
-                 {1, "left", 1, "left", true, 500, "both", {d30, a30}},
-                 {0, "left", 1, "left", true, 500, "anticlockwise", {}},
-                 {7, "left", 0, "left", false, 500, "anticlockwise", {d30, a30}},
-                 {1, "Right", 0, "left", false, 500, "clockwise", {}},
-                 {1, "Right", 0, "left", false, 500, "both", {d30, a30}},
-                 {1, nullptr, 1, nullptr, false, 500, "clockwise", {}},
-                 {1, nullptr, 1, nullptr, false, 500, "both", {d30, a30, d31, a31}},
-                 {1, "right", 1, "right", false, 0, "clockwise", {}},
-                 {1, "left", 0, "left", false, 250, "anticlockwise", {d30, slow}},
-                 {1, "left", 1, "left", false, 500, "alwaysanticlockwise", {}}};
-    const std::map<std::string, std::string> texts = {{"clockwise", "r5"},
-                                                      {"anticlockwise", "l5"},
-                                                      {"both", "b5"},
-                                                      {"alwaysanticlockwise", "al"}};
-    int index = 0;
+        Texts trace;  // the pulses, then the command's write
+        int release_time = 5;
+    } table[] = {
+        // clang-format off
+        {1, "right", 1, "left", false, 500, "anticlockwise", {d31, a31, l5}},
+        {1, "right", 1, "right", false, 500, "clockwise", {d30, a30, d31, a31, r5}},
+        {1, "right", 1, "right", true, 500, "clockwise", {d30, a30, r5}},
+        {1, "left", 1, "left", true, 500, "both", {d30, a30, b5}},
+        {0, "left", 1, "left", true, 500, "anticlockwise", {l5}},
+        {7, "left", 0, "left", false, 500, "anticlockwise", {d30, a30, l5}},
+        {1, "Right", 0, "left", false, 500, "clockwise", {r5}},
+        {1, "Right", 0, "left", false, 500, "both", {d30, a30, b5}},
+        {1, "", 1, "", false, 500, "both", {d30, a30, d31, a31, b5}},
+        {1, "right", 1, "right", false, 0, "clockwise", {r5}},
+        {1, "left", 0, "left", false, 250, "anticlockwise", {d30, slow, l5}},
+        {1, "left", 1, "left", false, 500, "alwaysanticlockwise", {"write al\\0"}},
+        {0, "", 0, "", false, 500, "clockwise", {"write r0\\0"}, 0},
+        {0, "", 0, "", false, 500, "anticlockwise", {"write l-1\\0"}, -1},
+        {0, "", 0, "", false, 500, "both", {"write b-2147483648\\0"}, INT_MIN},
+        // clang-format on
+    };
     for (const auto& row : table) {
-        SCOPED_TRACE("row " + std::to_string(index++) + ": " + row.command);
+        SCOPED_TRACE("row " + std::to_string(&row - table + 1));
         set_default_configuration();
         config().set("gpio", "catra_relay_1_enabled", row.relay_1_enabled);
         config().set("gpio", "catra_relay_2_enabled", row.relay_2_enabled);
-        for (const auto& [key, direction] :
-             {std::pair{"catra_relay_1_enable_direction", row.relay_1_direction},
-              std::pair{"catra_relay_2_enable_direction", row.relay_2_direction}}) {
-            if (direction == nullptr)
-                config().erase("gpio", key);
-            else
-                config().set("gpio", key, direction);
-        }
+        config().set("gpio", "catra_relay_1_enable_direction", row.relay_1_direction);
+        config().set("gpio", "catra_relay_2_enable_direction", row.relay_2_direction);
         if (row.ktr) {
             config().set("host", "device_model", "varnek_KTR");
             config().erase("gpio", "catra_relay_2_gpio");  // never asked for
         }
         config().set("catra", "relay_timeout", row.relay_timeout);
-
+        config().set("", "catra_timeout", row.release_time);
         recorder().clear();
         do_execute_command(row.command);
-        Texts expected = row.pulses;
-        expected.push_back("write " + texts.at(row.command) + "\\0");
-        EXPECT_EQ(recorder().trace(), expected);
+        EXPECT_EQ(recorder().trace(), row.trace);
     }
 }
 
@@ -136,12 +114,11 @@ TEST_F(Controller, AFailedCommandWriteIsReportedAfterItsDebugLineAndNotRaised)
     EXPECT_TRUE(expect_commands({"i"}));
 }
 
-// The event thread names itself and needs a descriptor that select can
-// watch; without one it says so once and ends, and a failure to name the
-// thread is logged and not raised.
+// The event thread names itself (here the test's thread) and needs a
+// descriptor that select can watch; without one it says so once and ends,
+// and a failure to name the thread is logged and not raised.
 TEST_F(Controller, AnEventThreadWithoutAWatchableDeviceSaysSoAndEnds)
 {
-    config().set("host", "failing", "set_thread_name");
     const int line = catra_fd;
     for (const int fd : {-1, FD_SETSIZE}) {
         catra_fd = fd;
@@ -149,31 +126,15 @@ TEST_F(Controller, AnEventThreadWithoutAWatchableDeviceSaysSoAndEnds)
         do_catra_run();
         const std::string unwatchable = "catra_run: controller descriptor " + std::to_string(fd) +
                                         " cannot be watched; turnstile events will not be read";
-        EXPECT_EQ(log_texts(standin::LogLine::Kind::error),
-                  (Texts{"catra_run: set_thread_name failure", unwatchable}));
+        EXPECT_EQ(logs().texts(standin::LogLine::Kind::error),
+                  (fd < 0 ? Texts{unwatchable}
+                          : Texts{"catra_run: set_thread_name failure", unwatchable}));
+        config().set("host", "failing", "set_thread_name");
     }
     catra_fd = line;
-}
-
-// A device that delivers no byte has hung up: the event thread closes it and
-// ends, and no event is decoded. (A pseudo-terminal's hang-up fails the read
-// instead; a socket ends.)
-using ControllerRead = ControllerLineTest;
-
-TEST_F(ControllerRead, ADeviceAtItsEndIsClosedAndNothingDecoded)
-{
-    int ends[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    ::close(ends[1]);
-    const int line = catra_fd;
-    catra_fd = ends[0];
-    StderrCapture capture;
-    EXPECT_FALSE(read_catra_event());
-    EXPECT_EQ(capture.text(), "Nao foi possivel ler o GPIO: fim de arquivo\n");
-    EXPECT_TRUE(catra_fd_closed);
-    EXPECT_TRUE(recorder().trace().empty());
-    catra_fd_closed = false;
-    catra_fd = line;
+    char name[16] = "";
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    EXPECT_STREQ(name, "catra_run");
 }
 
 }  // namespace

@@ -17,19 +17,11 @@ namespace {
 
 using namespace std::string_literals;
 
-// The turnstile disabled: the GPIO service's reports reach the plug-in.
-class Gpio : public ControllerLineTest {
-protected:
-    void SetUp() override
-    {
-        ControllerLineTest::SetUp();
-        catra_enabled = false;
-    }
-};
+// Each test sets whether the turnstile is enabled.
+using Gpio = ControllerLineTest;
 
 TEST_F(Gpio, QueriesAnswerInOrderOrLogWhyNot)
 {
-    photo_sensor_values = {false, true};
     solenoid_values = {false, false, true};
     catra_enabled = true;
     current_state = CatraState::RIGHT_LIBERATED;
@@ -49,7 +41,6 @@ TEST_F(Gpio, QueriesAnswerInOrderOrLogWhyNot)
         std::string outcome;  // the answer, or else the one debug line
     } table[] = {
         // clang-format off
-        {photo, true, {{"id", 1}}, "reply{value=1}"},
         {photo, false, {{"id", 1}}, no_reply},
         {photo, true, {}, "Parametro id não encontrado"},
         {photo, true, {{"id", 2}}, "id inválido: 2"},
@@ -75,15 +66,23 @@ TEST_F(Gpio, QueriesAnswerInOrderOrLogWhyNot)
     }
 }
 
-TEST_F(Gpio, SolenoidCommandSetsTheOthersToZeroFirst)
+// A solenoid command sets the others to zero first, and only while the
+// turnstile is disabled; the open collector pulses the configured output,
+// only while enabled. Neither follows its own command's level: the GPIO
+// service's reports do.
+TEST_F(Gpio, OutputCommandsDriveTheirGpiosOnlyInTheirState)
 {
+    config().set("", "collector_gpio", 33);
+    config().set("", "collector_timeout", 250);
     const char* const missing = "set_solenoid_callback: Parametro id ou value não encontrados";
+    const auto collector = open_collector_callback;
     const struct {
         bool enabled;
         std::vector<bool> levels;
         Fields fields;
         Texts trace;
         Texts lines{};
+        void (*handler)(ac::Message*) = set_solenoid_callback;
     } table[] = {
         // clang-format off
         {false, {false, true, false}, {{"id", 0}, {"value", 1}},
@@ -99,6 +98,9 @@ TEST_F(Gpio, SolenoidCommandSetsTheOthersToZeroFirst)
         {false, {false, true, false}, {{"value", 1}}, {}, {missing}},
         {false, {false, true, false}, {{"id", -1}, {"value", 1}}, {}, {"set_solenoid_callback: id inválido: -1"}},
         {true, {false, true, false}, {{"id", 0}, {"value", 1}}, {}, {}},
+        {false, {false, true, false}, {}, {}, {}, collector},
+        {true, {false, true, false}, {}, {"gpio_deactivate{gpio=33}", "gpio_activate{gpio=33,timeout=250}"},
+         {"open_collector: open collector"}, collector},
         // clang-format on
     };
     for (const auto& row : table) {
@@ -107,31 +109,17 @@ TEST_F(Gpio, SolenoidCommandSetsTheOthersToZeroFirst)
         solenoid_values = row.levels;
         recorder().clear();
         bool handled = false;
-        EXPECT_EQ(handle(set_solenoid_callback, row.fields, false, &handled), "unreplied{}");
+        EXPECT_EQ(handle(row.handler, row.fields, false, &handled), "unreplied{}");
         EXPECT_EQ(recorder().trace(), row.trace);
         EXPECT_EQ(debug_lines(), row.lines);
         EXPECT_EQ(handled, !row.trace.empty());
-        EXPECT_EQ(solenoid_values, row.levels);  // follows reports only
+        EXPECT_EQ(solenoid_values, row.levels);
     }
 }
 
-TEST_F(Gpio, OpenCollectorPulsesTheConfiguredOutputOnlyWhileEnabled)
-{
-    config().set("", "collector_gpio", 33);
-    config().set("", "collector_timeout", 250);
-    for (bool enabled : {false, true}) {
-        SCOPED_TRACE(enabled ? "enabled" : "disabled");
-        catra_enabled = enabled;
-        recorder().clear();
-        bool handled = false;
-        handle(open_collector_callback, {}, false, &handled);
-        const Texts pulse = {"gpio_deactivate{gpio=33}", "gpio_activate{gpio=33,timeout=250}"};
-        EXPECT_EQ(recorder().trace(), enabled ? pulse : Texts{});
-        EXPECT_EQ(debug_lines(), enabled ? Texts{"open_collector: open collector"} : Texts{});
-        EXPECT_EQ(handled, enabled);
-    }
-}
-
+// A notification goes to the photo sensor of its GPIO (only while disabled),
+// else to its solenoid, else to its exit-request button; one without "gpio"
+// or "value" is raised.
 TEST_F(Gpio, DispatchPrefersPhotoSensorThenSolenoidThenButtonholeAndStoresLevels)
 {
     // 20 is photo sensor 0 and buttonhole 1; 21 photo sensor 1 and solenoid 1;
@@ -139,27 +127,33 @@ TEST_F(Gpio, DispatchPrefersPhotoSensorThenSolenoidThenButtonholeAndStoresLevels
     // while enabled is shown with the running plug-in's exit-request worker.)
     solenoid_gpios = {kSol1Gpio, kFi2Gpio, kCollectorGpio};
     config().set("host", "buttonholes", "20,10,42,43");
+    const std::string invalid = "Invalid parameters for message gpio_notified";
     const struct {
         bool enabled;
-        int gpio;
-        int value;
+        Fields fields;
         Texts trace;
+        std::string raised{};
     } table[] = {
-        {false, 20, 5, {"photo_sensor_changed{id=0,value=1}"}},
-        {false, 21, 1, {"photo_sensor_changed{id=1,value=1}"}},
-        {true, 21, 1, {"solenoid_changed{id=1,value=1}"}},
-        {true, 10, 0, {"solenoid_changed{id=0,value=0}"}},
-        {true, 12, 3, {"solenoid_changed{id=2,value=1}"}},
-        {true, 43, 0, {}},
-        {false, 99, 0, {}},
+        {false, {{"gpio", 20}, {"value", 5}}, {"photo_sensor_changed{id=0,value=1}"}},
+        {false, {{"gpio", 21}, {"value", 1}}, {"photo_sensor_changed{id=1,value=1}"}},
+        {true, {{"gpio", 21}, {"value", 1}}, {"solenoid_changed{id=1,value=1}"}},
+        {true, {{"gpio", 10}, {"value", 0}}, {"solenoid_changed{id=0,value=0}"}},
+        {true, {{"gpio", 12}, {"value", 3}}, {"solenoid_changed{id=2,value=1}"}},
+        {true, {{"gpio", 43}, {"value", 0}}, {}},
+        {false, {{"gpio", 99}, {"value", 0}}, {}},
+        {false, {{"gpio", 20}}, {}, invalid},
+        {false, {{"value", 0}}, {}, invalid},
+        {false, {}, {}, invalid},
     };
     for (const auto& row : table) {
-        SCOPED_TRACE((row.enabled ? "enabled, gpio "s : "disabled, gpio "s) +
-                     std::to_string(row.gpio) + " value " + std::to_string(row.value));
+        SCOPED_TRACE("row " + std::to_string(&row - table + 1));
         catra_enabled = row.enabled;
         recorder().clear();
         bool handled = false;
-        handle(gpio_notified_callback, {{"gpio", row.gpio}, {"value", row.value}}, false, &handled);
+        EXPECT_EQ(thrown_text([&] {
+                      handle(gpio_notified_callback, row.fields, false, &handled, "gpio_notified");
+                  }),
+                  row.raised);
         {
             // No exit-request worker was started.
             std::lock_guard<std::mutex> lock(rex_mutex);
@@ -173,31 +167,14 @@ TEST_F(Gpio, DispatchPrefersPhotoSensorThenSolenoidThenButtonholeAndStoresLevels
     EXPECT_EQ(solenoid_values, (std::vector<bool>{false, true, true}));
 }
 
-TEST_F(Gpio, NotificationWithoutGpioOrValueIsRaised)
-{
-    recorder().clear();
-    bool handled = false;
-    for (const Fields& fields : {Fields{{"gpio", 20}}, Fields{{"value", 0}}, Fields{}}) {
-        EXPECT_EQ(thrown_text([&] {
-                      handle(gpio_notified_callback, fields, false, &handled, "gpio_notified");
-                  }),
-                  "Invalid parameters for message gpio_notified");
-    }
-    EXPECT_TRUE(recorder().trace().empty());
-    EXPECT_EQ(photo_sensor_values, (std::vector<bool>{false, false}));
-}
-
 // A controller that refuses "e" or "d" leaves the flag as it was and
 // announces nothing; the GPIOs handed over before "e" stay so. A request
 // without "enabled" is raised. (The whole hand-over of a change is in the
 // turnstile's model.)
 TEST_F(Gpio, AChangeTheControllerRefusesKeepsTheFlag)
 {
-    const Texts handed_over = {
-        "gpio_set_value{gpio=10,value=0}",       "gpio_set_value{gpio=11,value=0}",
-        "gpio_set_value{gpio=12,value=0}",       "gpio_update{gpio=20,enabled=0} (sync)",
-        "gpio_update{gpio=21,enabled=0} (sync)", "gpio_update{gpio=10,enabled=0} (sync)",
-        "gpio_update{gpio=11,enabled=0} (sync)", "write e\\0"};
+    // All that enabling sends up to the refused "e"; the refused "d" first.
+    const Texts handed_over(kEnabling.begin(), kEnabling.end() - 1);
     const std::string eio = "Input/output error";
     const struct {
         bool before;
@@ -206,17 +183,12 @@ TEST_F(Gpio, AChangeTheControllerRefusesKeepsTheFlag)
         std::string outcome;  // the raised text, or the perror line
         Texts trace;
     } table[] = {
-        {false,
-         {{"enabled", 1}},
-         EIO,
-         "Nao foi possivel configurar a catraca com o comando: e: " + eio,
+        // clang-format off
+        {false, {{"enabled", 1}}, EIO, "Nao foi possivel configurar a catraca com o comando: e: " + eio,
          handed_over},
-        {true,
-         {{"enabled", 0}},
-         EIO,
-         "Nao foi possivel desabilitar o Catra: " + eio,
-         {"write d\\0"}},
+        {true, {{"enabled", 0}}, EIO, "Nao foi possivel desabilitar o Catra: " + eio, {kDisabling.front()}},
         {true, {}, 0, "catra enabled not found!", {}},
+        // clang-format on
     };
     for (const auto& row : table) {
         SCOPED_TRACE("from " + std::to_string(row.before) + ": " + row.outcome);

@@ -9,8 +9,8 @@
 //
 // The model is the turnstile's decision tables written as data (what each
 // letter does, turns by state, ways by gateway, the command back to the
-// default, the command of a release, the modes, enabling and disabling), read
-// by a few generic lines.
+// default, the command of a release, the modes; enabling and disabling are the
+// fixture's), read by a few generic lines.
 //
 // Beside it, a check that owes nothing to the tables: the same requests, with
 // people pushing instead of letters, against the simulated controller on the
@@ -83,14 +83,12 @@ const struct {
     {"EVENT_NOT_READY", Does::report, 0, 0},
 };
 
-// A turn by the current state, [state][side]: refused, counted, or counted
-// after the two-way release's record learns the side taken (unless the
-// default state is BOTH LIBERATED).
+// A turn by the current state, [state][side]: refused (with kRefusals[side]),
+// counted, or counted after the two-way release's record learns the side taken
+// (unless the default state is BOTH LIBERATED).
 enum Turn { refused, counted, completes };
 const Turn kTurns[4][2] = {
     {refused, refused}, {counted, refused}, {refused, counted}, {completes, completes}};
-const char* const kRefusals[2] = {"ERROR: Cannot turn left  while blocked!!",
-                                  "ERROR: Cannot turn right while blocked!!"};
 
 // By "gateway" (anything else, "clockwise") and side: the counter of the way
 // (2 entrance, 3 exit; 0 and 1 are the left and right counters) and the portal.
@@ -147,25 +145,6 @@ const struct {
     const char* commands[2];
 } kModes[] = {
     {"entrance_open", {"al", "ar"}}, {"exit_open", {"ar", "al"}}, {"both_open", {"ab", "ab"}}};
-
-// Enabling and disabling: what goes out, in order.
-const Texts kEnabling = {
-    "gpio_set_value{gpio=10,value=0}",       "gpio_set_value{gpio=11,value=0}",
-    "gpio_set_value{gpio=12,value=0}",       "gpio_update{gpio=20,enabled=0} (sync)",
-    "gpio_update{gpio=21,enabled=0} (sync)", "gpio_update{gpio=10,enabled=0} (sync)",
-    "gpio_update{gpio=11,enabled=0} (sync)", "write e\\0",
-    "catra_catra_enabled_changed{enabled=1}"};
-const Texts kDisabling = {"write d\\0",
-                          "gpio_update{gpio=20,enabled=1} (sync)",
-                          "gpio_update{gpio=21,enabled=1} (sync)",
-                          "gpio_update{gpio=10,enabled=1} (sync)",
-                          "gpio_update{gpio=11,enabled=1} (sync)",
-                          "catra_catra_enabled_changed{enabled=0}"};
-
-bool has_digit(const char* digits, int value)
-{
-    return std::strchr(digits, '0' + value) != nullptr;
-}
 
 // ---------------------------------------------------------------- the model
 
@@ -276,7 +255,8 @@ struct Model {
         if (named == std::end(kDirections))
             return command(direction);
         const auto row = std::find_if(std::begin(kReleases), std::end(kReleases), [&](auto& row) {
-            return has_digit(row.defaults, fallback) && has_digit(row.currents, current);
+            return std::strchr(row.defaults, '0' + fallback) &&
+                   std::strchr(row.currents, '0' + current);
         });
         const char* chosen = row->commands[named - std::begin(kDirections)];
         if (chosen == nullptr)
@@ -354,16 +334,11 @@ protected:
     void SetUp() override
     {
         ControllerLineTest::SetUp();
-        logs().set_echo(false);
+        standin::Logs::instance().set_echo(false);
         database().add_portal(3, kDeviceId, "portal 3");
         database().exec(
             "DELETE FROM action_portals;"
             "INSERT INTO action_portals(action_id, portal_id) VALUES (2, 2), (3, 1), (4, 3);");
-    }
-    void TearDown() override
-    {
-        logs().set_echo(true);
-        ControllerLineTest::TearDown();
     }
 
     void run(const Op& op, const std::string& uuid)
@@ -389,17 +364,6 @@ protected:
         }
     }
 
-    // Until neither side has more to do: the controller answers every command
-    // written so far, the plug-in reads every letter reported.
-    void settle(const simulator::Turnstile& controller)
-    {
-        for (;;) {
-            RC_ASSERT(eventually([&] { return controller.commands_answered(); }));
-            if (!pty().unread_by_other_side())
-                return;
-            RC_ASSERT(read_catra_event());
-        }
-    }
     // The first column of each row of a query.
     Texts column(const std::string& sql)
     {
@@ -439,7 +403,7 @@ RC_GTEST_FIXTURE_PROP(Turnstile, FollowsItsDecisionTables, ())
             records.push_back(std::to_string(portal) + " " + std::to_string(event) + " " +
                               std::to_string(user) + " " + std::to_string(written));
         RC_ASSERT(seen == model.out);
-        RC_ASSERT(log_texts(standin::LogLine::Kind::error) == model.errors);
+        RC_ASSERT(logs().texts(standin::LogLine::Kind::error) == model.errors);
         RC_ASSERT(column("SELECT portal_id || ' ' || event || ' ' || user_id || ' ' || "
                          "(time >= " +
                          start + ") FROM access_logs ORDER BY id") == records);
@@ -457,7 +421,8 @@ RC_GTEST_FIXTURE_PROP(Turnstile, FollowsItsDecisionTables, ())
         RC_ASSERT(catra_enabled == model.enabled);
         RC_ASSERT(release_uuid == model.uuid);
         // Nothing the controller was sent may pile up on the line.
-        pty().drain();
+        while (pty().read_command(std::chrono::milliseconds(0))) {
+        }
     }
 }
 
@@ -478,7 +443,14 @@ RC_GTEST_FIXTURE_PROP(Turnstile, KeepsToTheSidesTheControllerFrees, ())
             through[op.number] += controller.push(simulator::kSides[op.number]) ? 1 : 0;
         else
             run(op, "u");
-        settle(controller);
+        // Until neither side has more to do: the controller answers every
+        // command written so far, the plug-in reads every letter reported.
+        for (;;) {
+            RC_ASSERT(eventually([&] { return controller.commands_answered(); }));
+            if (!pty().unread_by_other_side())
+                break;
+            RC_ASSERT(read_catra_event());
+        }
         const simulator::FreeSides free = controller.free_sides();
         const int sides[2][2] = {{CatraState::BLOCKED, CatraState::RIGHT_LIBERATED},
                                  {CatraState::LEFT_LIBERATED, CatraState::BOTH_LIBERATED}};

@@ -1,5 +1,6 @@
 // The access-log bookkeeping of passages and give-ups, the operation-mode
-// question to the online client, and the access actions of the two portals.
+// question to the online client, and data-access failures, which leave no
+// trace.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -42,17 +43,16 @@ TEST_F(PassageLog, OnlineTheOperationModeDecidesAndAnUnansweredQuestionRaises)
         int online;
         const char* client;  // null: the host's default, an answer
         int mode;            // -1: unset, which the host answers as 0
-        bool asked;
         bool updated;
         const char* raised;
     } table[] = {
-        {0, "answer", 0, false, true, ""},
-        {1, "answer", 1, true, true, ""},
-        {1, "answer", 0, true, false, ""},
-        {1, nullptr, 1, true, true, ""},
-        {1, "answer", -1, true, false, ""},
-        {1, "silent", 1, true, false, "Message online_client_get_operation_mode not replied"},
-        {1, "no_mode", 1, true, false, "Wrong parameters in reply"},
+        {0, "answer", 0, true, ""},
+        {1, "answer", 1, true, ""},
+        {1, "answer", 0, false, ""},
+        {1, nullptr, 1, true, ""},
+        {1, "answer", -1, false, ""},
+        {1, "silent", 1, false, "Message online_client_get_operation_mode not replied"},
+        {1, "no_mode", 1, false, "Wrong parameters in reply"},
     };
     const struct {
         const char* name;
@@ -64,9 +64,7 @@ TEST_F(PassageLog, OnlineTheOperationModeDecidesAndAnUnansweredQuestionRaises)
     EXPECT_EQ(records(), seeded_);  // as the host seeds them
     for (const auto& row : table) {
         for (const auto& update : updates) {
-            SCOPED_TRACE(std::string(update.name) + ", online " + std::to_string(row.online) +
-                         ", client " + (row.client ? row.client : "unset") + ", mode " +
-                         std::to_string(row.mode));
+            SCOPED_TRACE(update.name + (", row " + std::to_string(&row - table + 1)));
             restore_records();
             config().set("host", "online", row.online);
             row.client ? config().set("host", "online_client", row.client)
@@ -76,70 +74,54 @@ TEST_F(PassageLog, OnlineTheOperationModeDecidesAndAnUnansweredQuestionRaises)
 
             EXPECT_EQ(thrown_text(update.call), row.raised);
             EXPECT_EQ(records() != seeded_, row.updated);
+            // Online, the online client is asked.
             EXPECT_EQ(recorder().trace(),
-                      row.asked ? Texts{"online_client_get_operation_mode{} (sync)"} : Texts{});
+                      row.online ? Texts{"online_client_get_operation_mode{} (sync)"} : Texts{});
         }
     }
 }
 
 // SQLite refusing the records: the table gone for the reads, a trigger that
-// raises for the writes; each undone after its row.
-TEST_F(PassageLog, DataAccessFailuresAreDroppedWithoutATrace)
+// raises for the writes; each undone after its row. A passage's record that
+// fails is dropped; a turn's access event that cannot be stored is raised
+// before its message is built, and the pending release's uuid stays.
+TEST_F(PassageLog, DataAccessFailuresLeaveNoTrace)
 {
     const std::pair<std::string, std::string> unreadable = {
         "ALTER TABLE access_logs RENAME TO hidden", "ALTER TABLE hidden RENAME TO access_logs"};
     const std::pair<std::string, std::string> unwritable = {refusal("UPDATE", "access_logs"),
                                                             "DROP TRIGGER refuse"};
+    const std::pair<std::string, std::string> no_events = {refusal("INSERT", "access_events"),
+                                                           "DROP TRIGGER refuse"};
     const auto turn = [] { update_last_log(CatraEvent::TURN_RIGHT); };
     const auto give_up = [] { create_give_up_log(false); };
     const auto give_up_earlier = [] { create_give_up_log(true); };
+    const auto event = [] { send_message_catra_event(CatraEvent::TURN_LEFT); };
     const struct {
         std::pair<std::string, std::string> fault;
         std::function<void()> call;
         Texts debug_lines;  // written before the failure
+        const char* raised = "";
     } table[] = {
         {unreadable, turn, {}},
         {unwritable, turn, {"portal_id: 2, user_id: 101"}},
         {unreadable, give_up, {}},
         {unwritable, give_up, {"Portal_id: 2, user_id: 101"}},
         {unreadable, give_up_earlier, {}},
+        {no_events, event, {}, "disk I/O error"},
     };
     for (const auto& row : table) {
         SCOPED_TRACE(row.fault.first + ", row " + std::to_string(&row - table));
         restore_records();
+        release_uuid = "abc";
         database().exec(row.fault.first);
-        EXPECT_NO_THROW(row.call());
+        EXPECT_EQ(thrown_text(row.call), row.raised);
         database().exec(row.fault.second);
+        EXPECT_EQ(release_uuid, "abc");
         EXPECT_EQ(records(), seeded_);
-        EXPECT_EQ(log_texts(standin::LogLine::Kind::debug), row.debug_lines);
-        EXPECT_TRUE(log_texts(standin::LogLine::Kind::error).empty());
+        EXPECT_EQ(logs().texts(standin::LogLine::Kind::debug), row.debug_lines);
+        EXPECT_TRUE(logs().texts(standin::LogLine::Kind::error).empty());
         EXPECT_EQ(recorder().trace(), Texts{});
-    }
-}
-
-TEST_F(PassageLog, PortalActionsFollowAntiPassbackAndTheGatewaySide)
-{
-    const struct {
-        int antipassback;
-        const char* gateway;
-        int portal_1;
-        int portal_2;
-    } table[] = {
-        {0, "clockwise", 4, 4},
-        {1, "clockwise", 3, 2},
-        {1, nullptr, 2, 3},
-        {1, "Clockwise", 2, 3},
-    };
-    for (const auto& row : table) {
-        SCOPED_TRACE(std::string("anti-passback ") + std::to_string(row.antipassback) +
-                     ", gateway " + (row.gateway ? row.gateway : "<unset>"));
-        config().set("host", "antipassback_enabled", row.antipassback);
-        row.gateway ? config().set("catra", "gateway", row.gateway)
-                    : config().erase("catra", "gateway");
-        set_portal_actions();
-        EXPECT_EQ(database().query("SELECT portal_id, position, action_id FROM portal_actions "
-                                   "ORDER BY portal_id, position"),
-                  (standin::Rows{{1, 0, row.portal_1}, {2, 0, row.portal_2}}));
     }
 }
 
